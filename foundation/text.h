@@ -1,0 +1,14 @@
+// Small string tools shared by the whole daemon: allocate-and-format,
+// in-place trimming, blank-line test and a bounded copy into fixed fields.
+#pragma once
+
+#include <cstddef>
+
+// Formats into a new string (caller frees with free()) and returns its size
+// including the NUL. Allocation failure ends the process: it never fails.
+int xasprintf(char** result, const char* format, ...) __attribute__((format(printf, 2, 3)));
+// Removes trailing, then leading white space in place; returns s (null for null).
+char* str_trim(char* s);
+int is_blank_line(const char* s);
+// Copies at most size - 1 bytes and terminates when size > 0; returns strlen(source).
+size_t str_copy_bounded(char* destination, const char* source, size_t size);
