@@ -1,0 +1,452 @@
+#include "smtp/config.h"
+
+#include <arpa/inet.h>
+#include <grp.h>
+#include <pwd.h>
+#include <syslog.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "daemon/vigild.h"
+#include "foundation/dlog.h"
+#include "foundation/ini.h"
+#include "foundation/text.h"
+#include "net/tproxy.h"
+
+Config config;
+
+namespace {
+
+// A copy that config_set_string made for a field; freed when the field is set
+// again. The store is never destroyed, so config stays valid while exit()
+// runs handlers that may still log it.
+struct OwnedString {
+  const char** field;
+  char* copy;
+};
+
+std::vector<OwnedString>& owned_strings() {
+  static auto* store = new std::vector<OwnedString>;
+  return *store;
+}
+
+const char* proxy_var(const char* key) {
+  return ini_get_var(CONFIG_PROXY_SECTION, key);
+}
+const char* common_var(const char* key) {
+  return ini_get_var(CONFIG_COMMON_SECTION, key);
+}
+
+// Integers are read as strtol does: text that is not a number gives 0.
+bool get_long(const char* key, long* out) {
+  const char* v = proxy_var(key);
+  if (v == nullptr) return false;
+  *out = strtol(v, nullptr, 10);
+  return true;
+}
+
+bool get_long_long(const char* key, long long* out) {
+  const char* v = proxy_var(key);
+  if (v == nullptr) return false;
+  *out = strtoll(v, nullptr, 10);
+  return true;
+}
+
+void get_string(const char* section, const char* key, const char** field) {
+  const char* v = ini_get_var(section, key);
+  if (v != nullptr) config_set_string(field, v);
+}
+
+// Keys taken as they are, in the order they are read.
+enum class Kind { INT, LONG_LONG, BOOL, STRING };
+struct PlainKey {
+  const char* key;
+  Kind kind;
+  void* field;
+};
+
+const std::array<PlainKey, 15> PLAIN_KEYS = {{
+    {"passthrough_auth", Kind::BOOL, &config.passthrough_auth},
+    {"mailer_temp_dir", Kind::STRING, &config.mailer_temp_dir},
+    {"mailer_local_dir", Kind::STRING, &config.mailer_local_dir},
+    {"allow_null_sender", Kind::BOOL, &config.allow_null_sender},
+    {"vscan_fail_block", Kind::BOOL, &config.vscan_fail_block},
+    {"vscan_timeout_block", Kind::BOOL, &config.vscan_timeout_block},
+    {"vscan_bypass", Kind::BOOL, &config.vscan_bypass},
+    {"discard_spam", Kind::BOOL, &config.discard_spam},
+    {"discard_virus", Kind::BOOL, &config.discard_virus},
+    {"as_connections", Kind::INT, &config.as_connections},
+    {"use_scanner", Kind::BOOL, &config.use_scanner},
+    {"spam_bypass", Kind::BOOL, &config.spam_bypass},
+    {"max_spam_scan_size", Kind::LONG_LONG, &config.max_spam_scan_size},
+    {"noop_interval", Kind::INT, &config.noop_interval},
+    {"support_8bitmime", Kind::BOOL, &config.support_8bitmime},
+}};
+
+void read_plain_key(const PlainKey& k) {
+  long v = 0;
+  switch (k.kind) {
+    case Kind::INT:
+      if (get_long(k.key, &v)) *static_cast<int*>(k.field) = static_cast<int>(v);
+      break;
+    case Kind::LONG_LONG:
+      get_long_long(k.key, static_cast<long long*>(k.field));
+      break;
+    case Kind::BOOL:
+      if (get_long(k.key, &v)) *static_cast<bool*>(k.field) = v != 0;
+      break;
+    case Kind::STRING:
+      get_string(CONFIG_PROXY_SECTION, k.key, static_cast<const char**>(k.field));
+      break;
+  }
+}
+
+// A time-out of a few seconds would cut off senders and scans that are merely
+// slow, so 1 to 29 is refused; 0 and below switch the timer off.
+void read_timeout(const char* key, int* field, const char* warning) {
+  long v;
+  if (!get_long(key, &v)) return;
+  if (v >= 1 && v <= 29) {
+    dlog(DLOG_SMTP, 1, warning, *field);
+    return;
+  }
+  *field = static_cast<int>(v);
+}
+
+void read_limits() {
+  long long size;
+  if (get_long_long("max_msg_size", &size)) {
+    if (size < 50000 || size > 1073741824) {
+      dlog(DLOG_SMTP, 1, "Illegal max message size. Using default: %lld\n", config.max_msg_size);
+    } else {
+      config.max_msg_size = size;
+    }
+  }
+
+  if (const char* addr = proxy_var("listen_addr")) {
+    in_addr a;
+    if (inet_aton(addr, &a) != 0) {
+      config.listen_addr = ntohl(a.s_addr);
+    } else {
+      dlog(DLOG_SMTP, 1, "Illegal listen_addr. Using INADDR_ANY.\n");
+    }
+  }
+
+  // The upper bound is wider than a port; such values are truncated to 16
+  // bits like any other assignment to the port field.
+  long v;
+  if (get_long("listen_port", &v)) {
+    if (v >= 1 && v <= 67108863) {
+      config.listen_port = static_cast<uint16_t>(v);
+    } else {
+      dlog(DLOG_SMTP, 1, "Illegal listen_port. Using %d\n", config.listen_port);
+    }
+  }
+
+  read_timeout("idle_timeout", &config.idle_timeout, "Illegal idle_timeout. Using %d\n");
+  read_timeout("scanner_timeout", &config.scanner_timeout, "Illegal scanner_timeout. Using %d\n");
+}
+
+void read_identity() {
+  if (const char* user = proxy_var("user")) {
+    errno = 0;
+    if (getpwnam(user) != nullptr) {
+      config_set_string(&config.user, user);
+    } else {
+      dlog(DLOG_SMTP, 1, "Bad user: %m. Using %s\n", config.user);
+    }
+  }
+  if (const char* group = proxy_var("group")) {
+    errno = 0;
+    if (getgrnam(group) != nullptr) {
+      config_set_string(&config.group, group);
+    } else {
+      dlog(DLOG_SMTP, 1, "Bad group: %m. Using %s\n", config.group);
+    }
+  }
+}
+
+void read_session_keys() {
+  long v;
+  if (get_long("max_rcpt", &v)) {
+    if (v <= 4) {
+      dlog(DLOG_SMTP, 1, "max_rcpt too small. Using %d\n", config.max_rcpt);
+    } else {
+      config.max_rcpt = static_cast<int>(v);
+    }
+  }
+  if (get_long("max_connections", &v)) {
+    if (v < 5 || v > 3000) {
+      dlog(DLOG_SMTP, 0, "Bad max connections. Using %d\n", config.max_connections);
+    } else {
+      config.max_connections = static_cast<int>(v);
+    }
+  }
+
+  // On a bridge the proxy can only reach the backend from the sender's own
+  // address, so the setting is not consulted at all.
+  if (layer2_mode) {
+    dlog(DLOG_SMTP, 9, "Running proxy in address_transparent mode in Layer2\n");
+    config.address_transparent = true;
+  } else if (get_long("address_transparent", &v)) {
+    config.address_transparent = v != 0;
+    dlog(DLOG_SMTP, 9, "address_transparent %c\n", config.address_transparent ? 1 : 0);
+  }
+
+  if (get_long("relay_control", &v)) config.relay_control = v != 0;
+
+  if (get_long("max_errors", &v)) {
+    if (v <= 4) {
+      dlog(DLOG_SMTP, 1, "Bad max_errors. Using %d\n", config.max_errors);
+    } else {
+      config.max_errors = static_cast<int>(v);
+    }
+  }
+}
+
+void read_names_and_paths() {
+  get_string(CONFIG_PROXY_SECTION, "my_domain", &config.my_domain);
+  get_string(CONFIG_PROXY_SECTION, "greeting", &config.greeting);
+  get_string(CONFIG_PROXY_SECTION, "local_domain_file", &config.local_domain_file);
+  get_string(CONFIG_PROXY_SECTION, "relay_ips_file", &config.relay_ips_file);
+  get_string(CONFIG_PROXY_SECTION, "auth_file", &config.auth_file);
+
+  set_log_levels(proxy_var("debug"));
+
+  // Scan file names are built as "<scan_dir>/<prefix>...", so one trailing
+  // slash is dropped to keep them tidy.
+  if (const char* dir = common_var("scan_dir")) {
+    config_set_string(&config.scan_dir, dir);
+    size_t len = strlen(dir);
+    if (len > 0 && dir[len - 1] == '/') {
+      char* copy = strndup(dir, len - 1);
+      if (copy == nullptr) fatal_exit("Out of memory reading scan_dir\n");
+      config_set_string(&config.scan_dir, copy);
+      free(copy);
+    }
+  }
+  get_string(CONFIG_PROXY_SECTION, "scan_prefix", &config.scan_prefix);
+  get_string(CONFIG_COMMON_SECTION, "spam_tag", &config.spam_tag);
+  get_string(CONFIG_COMMON_SECTION, "spam_plus_tag", &config.spam_plus_tag);
+  get_string(CONFIG_COMMON_SECTION, "scanner_addr", &config.scanner_addr);
+}
+
+void set_owned_text(const char** field, char* text) {
+  config_set_string(field, text);
+  free(text);
+}
+
+void build_replies() {
+  char* text;
+  xasprintf(&text, "220 %s %s\r\n", config.my_domain, config.greeting);
+  set_owned_text(&config.greeting_line, text);
+  xasprintf(&text, "250 %s %s\r\n", config.my_domain, config.greeting);
+  set_owned_text(&config.helo_response, text);
+  if (config.support_8bitmime) {
+    xasprintf(&text,
+              "250-%s %s\r\n250-VRFY\r\n250-8BITMIME\r\n250-SIZE %lld\r\n250-AUTH LOGIN\r\n250 "
+              "OK\r\n",
+              config.my_domain, config.greeting, config.max_msg_size);
+  } else {
+    xasprintf(&text, "250-%s %s\r\n250-VRFY\r\n250-SIZE %lld\r\n250-AUTH LOGIN\r\n250 OK\r\n",
+              config.my_domain, config.greeting, config.max_msg_size);
+  }
+  set_owned_text(&config.ehlo_response, text);
+}
+
+void import_file(const char* name) {
+  int rc = ini_import(name);
+  if (rc != 0) dlog(DLOG_SMTP, 1, "Error importing %s: %d\n", name, rc);
+}
+
+}  // namespace
+
+void config_set_string(const char** field, const char* value) {
+  char* copy = nullptr;
+  if (value != nullptr) {
+    copy = strdup(value);
+    if (copy == nullptr) fatal_exit("Out of memory storing a setting\n");
+  }
+  auto& store = owned_strings();
+  for (auto& owned : store) {
+    if (owned.field == field) {
+      free(owned.copy);
+      owned.copy = copy;
+      *field = copy;
+      return;
+    }
+  }
+  store.push_back({field, copy});
+  *field = copy;
+}
+
+void config_reset() {
+  for (auto& owned : owned_strings()) free(owned.copy);
+  owned_strings().clear();
+  config = Config{};
+  config_clear_lists();
+}
+
+void read_config(const char* common_file, const char* proxy_file) {
+  import_file(common_file != nullptr ? common_file : VIGILD_COMMON_CONFIG);
+  import_file(proxy_file != nullptr ? proxy_file : VIGILD_PROXY_CONFIG);
+
+  read_limits();
+  read_identity();
+  read_session_keys();
+  read_names_and_paths();
+  for (const PlainKey& k : PLAIN_KEYS) read_plain_key(k);
+  ini_clear();
+
+  build_replies();
+
+  if (config.relay_control) {
+    load_local_domains();
+    load_relay_ips();
+    load_auth_file();
+  } else {
+    // Without relay control there is no password table to check against,
+    // so AUTH can only be the backend's business.
+    config.passthrough_auth = true;
+  }
+}
+
+namespace {
+
+// List files are read in pieces of at most this many bytes; a longer line
+// becomes several pieces.
+constexpr int LIST_LINE_SIZE = 100;
+constexpr size_t LIST_INITIAL_CAPACITY = 20;
+constexpr size_t PASSWD_GROWTH = 100;
+// The password table stops growing once it holds more than this.
+constexpr size_t PASSWD_SOFT_LIMIT = 10000;
+
+const char* const RELAY_EVENT_ID = "1000002";
+const char* const RELAY_EVENT_NAME = "System_Error";
+
+struct FileCloser {
+  void operator()(FILE* f) const noexcept { fclose(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+// Parses one relay line: "a.b.c.d/n" with n from 4 to 32. Reports the line
+// itself, line end included, as the appliance's collector expects it.
+void add_relay_line(char* line) {
+  char* slash = strchr(line, '/');
+  if (slash == nullptr) {
+    dlog_event(LOG_ERR, RELAY_EVENT_ID, RELAY_EVENT_NAME, "msg=\"Bad line in relay ips file: %s\"",
+               line);
+    return;
+  }
+  *slash = '\0';
+  in_addr a;
+  bool address_ok = inet_aton(line, &a) != 0;
+  *slash = '/';
+  if (!address_ok) {
+    dlog_event(LOG_ERR, RELAY_EVENT_ID, RELAY_EVENT_NAME, "msg=\"Invalid inet address: %s\"", line);
+    return;
+  }
+  long prefix = strtol(slash + 1, nullptr, 10);
+  if (prefix < 4 || prefix > 32) {
+    dlog_event(LOG_ERR, RELAY_EVENT_ID, RELAY_EVENT_NAME, "msg=\"Invalid relay IP mask: %s\"",
+               line);
+    return;
+  }
+  RelayIp entry{ntohl(a.s_addr), prefix_mask(static_cast<int>(prefix))};
+  relay_ips.push_back(entry);
+  dlog(DLOG_SMTP, 9, "Adding addr %x %s mask %x index %d\n", entry.addr, inet_ntoa(a), entry.mask,
+       static_cast<int>(relay_ips.size() - 1));
+}
+
+}  // namespace
+
+std::vector<DstrPtr> local_domains;
+std::vector<RelayIp> relay_ips;
+std::vector<PasswdEntry> passwd_entries;
+
+uint32_t prefix_mask(int prefix_length) {
+  static const std::array<uint32_t, 33> table = [] {
+    std::array<uint32_t, 33> t{};
+    for (int n = 1; n <= 32; n++) t[n] = t[n - 1] | (1u << (32 - n));
+    return t;
+  }();
+  if (prefix_length < 0) prefix_length = 0;
+  if (prefix_length > 32) prefix_length = 32;
+  return table[prefix_length];
+}
+
+void config_clear_lists() {
+  local_domains.clear();
+  relay_ips.clear();
+  passwd_entries.clear();
+}
+
+void load_local_domains() {
+  FilePtr file(fopen(config.local_domain_file, "r"));
+  if (!file) fatal_exit("Couldn't open local domain file %s: %m\n", config.local_domain_file);
+
+  local_domains.clear();
+  local_domains.reserve(LIST_INITIAL_CAPACITY);
+  char line[LIST_LINE_SIZE];
+  while (fgets(line, sizeof line, file.get()) != nullptr) {
+    str_trim(line);
+    if (line[0] == '\0') continue;
+    DstrPtr domain(dstr_from_cstr(line));
+    if (!domain) fatal_exit("Out of memory loading local domains\n");
+    local_domains.push_back(std::move(domain));
+    dlog(DLOG_SMTP, 3, "Added %s as local domain %d\n", line,
+         static_cast<int>(local_domains.size() - 1));
+  }
+}
+
+void load_relay_ips() {
+  FilePtr file(fopen(config.relay_ips_file, "r"));
+  if (!file) {
+    dlog(DLOG_SMTP, 1, "Can't read relay ip file %s: %m\n", config.relay_ips_file);
+    return;
+  }
+  relay_ips.clear();
+  relay_ips.reserve(LIST_INITIAL_CAPACITY);
+  char line[LIST_LINE_SIZE];
+  while (fgets(line, sizeof line, file.get()) != nullptr) add_relay_line(line);
+}
+
+void load_auth_file() {
+  FilePtr file(fopen(config.auth_file, "r"));
+  if (!file) {
+    dlog(DLOG_SMTP, 5, "Error opening auth file: %s: %m\n", config.auth_file);
+    return;
+  }
+  passwd_entries.clear();
+  // The table grows in steps, and a file that fills it past the soft limit
+  // is cut there: this bounds the memory a runaway file can take.
+  size_t capacity = LIST_INITIAL_CAPACITY;
+  passwd_entries.reserve(capacity);
+  char line[LIST_LINE_SIZE];
+  while (fgets(line, sizeof line, file.get()) != nullptr) {
+    str_trim(line);
+    if (line[0] == '\0') continue;
+    char* rest = nullptr;
+    const char* user = strtok_r(line, ":", &rest);
+    const char* password = strtok_r(nullptr, ":", &rest);
+    dlog(DLOG_SMTP, 9, "user=%s, password=%s", user, password);
+    if (user == nullptr || password == nullptr) {
+      dlog(DLOG_SMTP, 1, "Error with password file. Skipping line.\n");
+      continue;
+    }
+    if (passwd_entries.size() == capacity) {
+      if (passwd_entries.size() > PASSWD_SOFT_LIMIT) {
+        dlog(DLOG_SMTP, 1, "Too many entries in password file.\n");
+        break;
+      }
+      capacity += PASSWD_GROWTH;
+      passwd_entries.reserve(capacity);
+    }
+    passwd_entries.push_back({user, password});
+  }
+}
