@@ -1,58 +1,42 @@
 #include "foundation/ini.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "foundation/dlog.h"
+#include "tests/foundation/test_util.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+using foundation_test::slurp;
+using foundation_test::StderrCapture;
+using foundation_test::TempDir;
 
-// Standard error redirected into a file for the lifetime of the object, with
-// the log writing there only, section 5 at the given level.
+// The log writing to standard error only, captured, with section 5 at the
+// given level, for the lifetime of the object.
 class LogCapture {
  public:
-  LogCapture(const std::string& path, unsigned level) : path_(path) {
-    fflush(stderr);
-    saved_fd_ = dup(2);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 2);
-    close(fd);
+  LogCapture(const std::string& path, unsigned level) : capture_(path) {
     saved_mode_ = dlog_set_mode("ini_test", DLOG_MODE_STDERR);
     saved_level_ = dlog_get_level(DLOG_INI);
     dlog_set_level(DLOG_INI, level);
   }
   ~LogCapture() { finish(); }
   std::string finish() {
-    if (saved_fd_ >= 0) {
-      fflush(stderr);
-      dup2(saved_fd_, 2);
-      close(saved_fd_);
-      saved_fd_ = -1;
+    if (!done_) {
+      done_ = true;
       dlog_set_mode("ini_test", saved_mode_);
       dlog_set_level(DLOG_INI, saved_level_);
     }
-    return slurp(path_);
+    return capture_.finish();
   }
 
  private:
-  std::string path_;
-  int saved_fd_ = -1;
+  StderrCapture capture_;
+  bool done_ = false;
   unsigned saved_mode_ = 0;
   unsigned saved_level_ = 0;
 };
@@ -60,31 +44,24 @@ class LogCapture {
 class Ini : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/ini_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
+    ASSERT_TRUE(tmp.ok());
+    dir = tmp.path();
     ini_clear();
   }
-  void TearDown() override {
-    ini_clear();
-    for (const auto& f : files) unlink(f.c_str());
-    rmdir(dir.c_str());
-  }
+  void TearDown() override { ini_clear(); }
   std::string path(const std::string& name) {
-    std::string p = dir + "/" + name;
-    files.push_back(p);
-    return p;
+    files++;
+    return tmp.file(name);
   }
   std::string write_file(const std::string& name, const std::string& text) {
-    std::string p = path(name);
-    std::ofstream(p, std::ios::binary) << text;
-    return p;
+    files++;
+    return tmp.write(name, text);
   }
   int import_text(const std::string& text) {
-    return ini_import(write_file("in" + std::to_string(files.size()) + ".conf", text).c_str());
+    return ini_import(write_file("in" + std::to_string(files) + ".conf", text).c_str());
   }
   std::string exported() {
-    std::string p = path("out" + std::to_string(files.size()) + ".conf");
+    std::string p = path("out" + std::to_string(files) + ".conf");
     EXPECT_EQ(ini_export(p.c_str()), INI_OK);
     return slurp(p);
   }
@@ -93,8 +70,9 @@ class Ini : public ::testing::Test {
     return v != nullptr ? v : "<null>";
   }
 
+  TempDir tmp;
   std::string dir;
-  std::vector<std::string> files;
+  int files = 0;
 };
 
 TEST_F(Ini, VariableBeforeAnyHeaderIsInUnnamedSection) {
