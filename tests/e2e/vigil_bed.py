@@ -294,6 +294,22 @@ class Daemon:
     def fd_count(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def quiet_fd_count(self, samples=5):
+        """The descriptor count without transient ones (a retrying scanner
+        client opens and closes a socket now and then): the least of a few
+        readings."""
+        counts = []
+        for _ in range(samples):
+            counts.append(self.fd_count())
+            time.sleep(0.01)
+        return min(counts)
+
+    def wait_fds_at_most(self, limit, timeout=30):
+        """Waits until the daemon holds no more than limit descriptors."""
+        wait_until(lambda: self.fd_count() <= limit, timeout,
+                   f"the daemon's descriptors to return to {limit} (now {self.fd_count()})",
+                   step=0.05)
+
     def rss_kib(self):
         with open(f"/proc/{self.pid}/status") as f:
             for line in f:
