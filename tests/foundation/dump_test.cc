@@ -1,0 +1,175 @@
+#include "foundation/dump.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <string>
+
+#include "foundation/dlog.h"
+#include "tests/foundation/test_util.h"
+
+namespace {
+
+using foundation_test::file_exists;
+using foundation_test::slurp;
+using foundation_test::StderrCapture;
+using foundation_test::TempDir;
+
+const std::string kSeparator(70, '*');
+
+// "Dump started at <ctime>\n" (ctime's own line end makes a blank line), then
+// the errno line.
+const char* kHeaderPattern =
+    "Dump started at [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} "
+    "[0-9]{4,}\n\nerrno: ([^\n]*)\n";
+
+// The errno line's text, and the rest of the file after the header, or
+// "<no header>" when the file does not start with one.
+struct Parsed {
+  std::string error_text;
+  std::string rest;
+};
+Parsed parse(const std::string& text) {
+  std::smatch m;
+  if (!std::regex_search(text, m, std::regex(std::string("^") + kHeaderPattern))) {
+    return {"", "<no header>"};
+  }
+  return {m[1], m.suffix()};
+}
+
+int calls_a = 0;
+int calls_b = 0;
+void contributor_a(FILE* stream) {
+  calls_a++;
+  fputs("section A\n", stream);
+}
+void contributor_b(FILE* stream) {
+  calls_b++;
+  fprintf(stream, "section B %d\n", 7);
+}
+
+class Dump : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(tmp.ok());
+    saved_mode = dlog_set_mode("dump_test", DLOG_MODE_STDERR);
+    dlog_set_level(0, 3);
+  }
+  void TearDown() override { dlog_set_mode("dump_test", saved_mode); }
+
+  TempDir tmp;
+  unsigned saved_mode = 0;
+};
+
+TEST_F(Dump, DefaultFileName) {
+  EXPECT_STREQ(DUMP_DEFAULT_FILE, "/tmp/proxy_dump.txt");
+}
+
+TEST_F(Dump, WithNoContributorHoldsOnlyTheHeader) {
+  // Other tests in this binary register contributors, and entries are never
+  // removed: run the dump in a freshly started copy of the test program.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  std::string path = tmp.file("empty.txt");
+  EXPECT_EXIT(
+      {
+        errno = 0;
+        dump_state(path.c_str());
+        Parsed p = parse(slurp(path));
+        bool ok = p.rest.empty() && p.error_text == "Success";
+        if (!ok) fprintf(stderr, "dump was: [%s]\n", slurp(path).c_str());
+        exit(ok ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Dump, ContributorsRunNewestFirstEachFollowedByAsterisks) {
+  dump_register(contributor_a);
+  dump_register(contributor_b);
+  int a0 = calls_a, b0 = calls_b;
+  std::string path = tmp.file("two.txt");
+  dump_state(path.c_str());
+  EXPECT_EQ(calls_a, a0 + 1);
+  EXPECT_EQ(calls_b, b0 + 1);
+
+  std::string text = slurp(path);
+  Parsed p = parse(text);
+  // Contributors registered before these (by other modules) may follow them.
+  std::string want = "section B 7\n" + kSeparator + "\nsection A\n" + kSeparator + "\n";
+  EXPECT_EQ(p.rest.substr(0, want.size()), want) << text;
+  EXPECT_EQ(text.substr(text.size() - kSeparator.size() - 1), kSeparator + "\n");
+}
+
+TEST_F(Dump, ErrnoLineShowsErrnoOfTheCaller) {
+  std::string path = tmp.file("errno.txt");
+  errno = EACCES;
+  dump_state(path.c_str());
+  Parsed p = parse(slurp(path));
+  EXPECT_EQ(p.error_text, "Permission denied");
+  errno = ENOSPC;
+  dump_state(path.c_str());
+  EXPECT_EQ(parse(slurp(path)).error_text, "No space left on device");
+}
+
+TEST_F(Dump, SecondDumpReplacesTheFirst) {
+  std::string path = tmp.write("again.txt", std::string(100000, 'g') + "\n");
+  dump_state(path.c_str());
+  std::string first = slurp(path);
+  EXPECT_EQ(first.find('g'), std::string::npos);
+  EXPECT_NE(parse(first).rest, "<no header>");
+  dump_state(path.c_str());
+  std::string second = slurp(path);
+  EXPECT_EQ(second.size(), first.size());
+  size_t headers = 0;
+  for (size_t at = second.find("Dump started at "); at != std::string::npos;
+       at = second.find("Dump started at ", at + 1)) {
+    headers++;
+  }
+  EXPECT_EQ(headers, 1u);
+}
+
+TEST_F(Dump, UnopenableFileIsLoggedAndNothingWritten) {
+  dump_register(contributor_a);
+  int a0 = calls_a;
+  std::string missing_dir = tmp.file("no/such/dir/dump.txt");
+  StderrCapture capture(tmp.file("log.txt"));
+  dump_state(missing_dir.c_str());
+  dump_state(tmp.path().c_str());  // a directory: fails even for root
+  std::string log = capture.finish();
+
+  EXPECT_EQ(log, "Dumping state to " + missing_dir + "\nCan't open dump file " + missing_dir +
+                     ": No such file or directory\nDumping state to " + tmp.path() +
+                     "\nCan't open dump file " + tmp.path() + ": Is a directory\n");
+  EXPECT_FALSE(file_exists(missing_dir));
+  EXPECT_FALSE(file_exists(tmp.file("no")));
+  EXPECT_EQ(calls_a, a0);
+}
+
+TEST_F(Dump, LogLinesFollowSectionThirteenLevels) {
+  std::string missing = tmp.file("none/dump.txt");
+  dlog_set_level(DLOG_DUMP, 0);
+  StderrCapture capture(tmp.file("log0.txt"));
+  dump_state(missing.c_str());
+  dump_state(tmp.file("ok.txt").c_str());
+  std::string log = capture.finish();
+  dlog_set_level(0, 3);
+  // Level 1 "Dumping state" is held back; the level 0 failure is not.
+  EXPECT_EQ(log, "Can't open dump file " + missing + ": No such file or directory\n");
+}
+
+TEST_F(Dump, LogSectionShowsInTheDump) {
+  dlog_init();  // registers the log's own contributor
+  dlog_set_level(50, 7);
+  std::string path = tmp.file("dlog.txt");
+  dump_state(path.c_str());
+  std::string text = slurp(path);
+  EXPECT_NE(
+      text.find("DLOG DUMP:\nDLOG_MAX_SECTIONS 99 DLOG_MAX_LEVEL 9 default_level 3\nS 50 L 7\n" +
+                kSeparator + "\n"),
+      std::string::npos)
+      << text;
+}
+
+}  // namespace
