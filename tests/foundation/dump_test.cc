@@ -41,21 +41,30 @@ Parsed parse(const std::string& text) {
 }
 
 int calls_a = 0;
-int calls_b = 0;
 void contributor_a(FILE* stream) {
   calls_a++;
   fputs("section A\n", stream);
 }
-void contributor_b(FILE* stream) {
-  calls_b++;
-  fprintf(stream, "section B %d\n", 7);
+
+// Used by one test only; registered again each time it runs (the test may be
+// repeated in one process), so calls are counted against registrations.
+int calls_c = 0, regs_c = 0;
+int calls_d = 0, regs_d = 0;
+void contributor_c(FILE* stream) {
+  calls_c++;
+  fputs("section C\n", stream);
+}
+void contributor_d(FILE* stream) {
+  calls_d++;
+  fprintf(stream, "section D %d\n", 7);
 }
 
 class Dump : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(tmp.ok());
-    saved_mode = dlog_set_mode("dump_test", DLOG_MODE_STDERR);
+    // Quiet unless a test captures the log itself.
+    saved_mode = dlog_set_mode("dump_test", 0);
     dlog_set_level(0, 3);
   }
   void TearDown() override { dlog_set_mode("dump_test", saved_mode); }
@@ -86,18 +95,21 @@ TEST_F(Dump, WithNoContributorHoldsOnlyTheHeader) {
 }
 
 TEST_F(Dump, ContributorsRunNewestFirstEachFollowedByAsterisks) {
-  dump_register(contributor_a);
-  dump_register(contributor_b);
-  int a0 = calls_a, b0 = calls_b;
+  dump_register(contributor_c);
+  regs_c++;
+  dump_register(contributor_d);
+  regs_d++;
+  int c0 = calls_c, d0 = calls_d;
   std::string path = tmp.file("two.txt");
   dump_state(path.c_str());
-  EXPECT_EQ(calls_a, a0 + 1);
-  EXPECT_EQ(calls_b, b0 + 1);
+  EXPECT_EQ(calls_c, c0 + regs_c);
+  EXPECT_EQ(calls_d, d0 + regs_d);
 
   std::string text = slurp(path);
   Parsed p = parse(text);
-  // Contributors registered before these (by other modules) may follow them.
-  std::string want = "section B 7\n" + kSeparator + "\nsection A\n" + kSeparator + "\n";
+  // The two newest come first; older contributors (of other modules and
+  // tests) may follow them.
+  std::string want = "section D 7\n" + kSeparator + "\nsection C\n" + kSeparator + "\n";
   EXPECT_EQ(p.rest.substr(0, want.size()), want) << text;
   EXPECT_EQ(text.substr(text.size() - kSeparator.size() - 1), kSeparator + "\n");
 }
@@ -134,6 +146,7 @@ TEST_F(Dump, UnopenableFileIsLoggedAndNothingWritten) {
   dump_register(contributor_a);
   int a0 = calls_a;
   std::string missing_dir = tmp.file("no/such/dir/dump.txt");
+  dlog_set_mode("dump_test", DLOG_MODE_STDERR);
   StderrCapture capture(tmp.file("log.txt"));
   dump_state(missing_dir.c_str());
   dump_state(tmp.path().c_str());  // a directory: fails even for root
@@ -150,6 +163,7 @@ TEST_F(Dump, UnopenableFileIsLoggedAndNothingWritten) {
 TEST_F(Dump, LogLinesFollowSectionThirteenLevels) {
   std::string missing = tmp.file("none/dump.txt");
   dlog_set_level(DLOG_DUMP, 0);
+  dlog_set_mode("dump_test", DLOG_MODE_STDERR);
   StderrCapture capture(tmp.file("log0.txt"));
   dump_state(missing.c_str());
   dump_state(tmp.file("ok.txt").c_str());
