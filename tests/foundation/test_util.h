@@ -21,7 +21,9 @@ inline std::string slurp(const std::string& path) {
   return ss.str();
 }
 
-inline bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+inline bool file_exists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
 
 // A directory made with mkdtemp, removed with everything in it at the end.
 class TempDir {
