@@ -1,0 +1,63 @@
+// The poll loop: a table of descriptors indexed by number with one-shot read
+// and write handlers, queued non-blocking writes and file sends, asynchronous
+// connects and accepts, and the cached current time the timers read. One
+// instance per process; nothing here closes a descriptor.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <ctime>
+
+// Called once when fd becomes ready; re-register to go on.
+using IoHandler = void (*)(int fd, void* data);
+// Completion of a write, connect or accept: error 0 done, 1 failed. May run
+// before the registering call returns.
+using CommHandler = void (*)(int fd, int error, void* data);
+// Takes back a written buffer (free, say); null when the caller keeps it.
+using ReleaseFn = void (*)(void* buffer);
+
+constexpr int COMM_READ = 1;
+constexpr int COMM_WRITE = 2;
+
+struct CommConnect;  // a pending connect, owned by the loop
+struct CommAccept;   // a pending accept, owned by the loop
+
+// Sizes the table for up to n descriptors (raising the process limit) and
+// returns the number usable. A second call ends the process.
+int comm_init(int n);
+// One cycle: build the poll set, wait up to timeout seconds (at most 2), dispatch
+// every read before any write.
+void comm_run(int timeout);
+void comm_add_fd(int fd, int flags, IoHandler handler, void* data);
+void comm_read(int fd, IoHandler handler, void* data);
+void comm_clear_read(int fd);
+void comm_clear_fd(int fd, int flags);
+int comm_set_current_polls();
+int comm_pendings(int fd);
+time_t comm_update_time();
+// The time cached after the last poll; timers and time-outs count from it.
+time_t comm_current_time();
+void comm_dump(FILE* stream);
+
+// Writes now when nothing is queued, else queues; bytes leave in call order.
+// buffer belongs to the queue until handler and release have run (exactly
+// once each). 0 when written or queued, -1 when the write failed at once.
+int comm_write(int fd, const void* buffer, int length, CommHandler handler, void* data,
+               ReleaseFn release);
+// Drops every queued write of fd; with notify the handlers learn of it (error 1).
+void comm_clear_write(int fd, int notify);
+void comm_finished(int fd, CommHandler handler, void* data);
+void comm_interm(int fd, CommHandler handler, void* data, int interval);
+// Sends a whole file (or from offset) out of a read-only mapping; the caller
+// may close file_fd once the call returns.
+int comm_write_file(int fd, int file_fd, CommHandler handler, void* data);
+int comm_write_file_offset(int fd, int file_fd, int offset, CommHandler handler, void* data);
+
+// Starts a non-blocking connect; null when it could not start (errno intact).
+CommConnect* comm_connect(int fd, const sockaddr* address, socklen_t length, CommHandler handler,
+                          void* data);
+void comm_connect_abort(CommConnect* record);
+// Accepts one connection on listen_fd and hands it (non-blocking) to handler.
+CommAccept* comm_accept(int listen_fd, CommHandler handler, void* data);
+void comm_accept_cancel(CommAccept* record);

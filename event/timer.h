@@ -1,0 +1,20 @@
+// One-shot timers of one-second resolution in a binary min-heap, counted from
+// the loop's cached current time. A handle is valid until its timer fires or
+// is cancelled; the owner must forget it then.
+#pragma once
+
+#include <cstdio>
+#include <ctime>
+
+using TimerHandler = void (*)(void* data);
+
+struct Timer;
+
+void timer_init();
+Timer* timer_add(int delay, TimerHandler handler, void* data);
+void timer_cancel(Timer* timer);
+void timer_reschedule(int delay, Timer* timer);
+// Seconds until the earliest timer (0 when due), -1 when none.
+int timer_next_timeout();
+void timer_run();
+void timer_dump(FILE* stream);
