@@ -1,0 +1,259 @@
+#include "event/comm.h"
+
+#include <poll.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+#include "daemon/util.h"
+#include "event/comm_internal.h"
+#include "foundation/dlog.h"
+#include "foundation/dump.h"
+
+CommState comm;
+
+namespace {
+
+bool valid(int fd) {
+  return fd >= 0 && fd < comm.nfiles;
+}
+
+void unlink_used(int fd) {
+  DescriptorRecord& r = comm.fds[fd];
+  if (r.prev < 0)
+    comm.used_head = r.next;
+  else
+    comm.fds[r.prev].next = r.next;
+  if (r.next >= 0) comm.fds[r.next].prev = r.prev;
+  r.next = r.prev = -1;
+}
+
+void push_used(int fd) {
+  DescriptorRecord& r = comm.fds[fd];
+  r.free = 0;
+  r.next = comm.used_head;
+  r.prev = -1;
+  if (comm.used_head >= 0) comm.fds[comm.used_head].prev = fd;
+  comm.used_head = fd;
+  r.poll = pollfd{fd, 0, 0};
+}
+
+void comm_dump_list(FILE* stream, int head) {
+  if (!valid(head)) {
+    dlog(DLOG_COMM, 1, "comm_dump_list: invalid fd: %d\n", head);
+    return;
+  }
+  // Bounded by the table size so a corrupted chain cannot loop forever.
+  int fd = head;
+  for (int n = 0; fd >= 0 && n < comm.nfiles; n++) {
+    fprintf(stream, "%d -> ", fd);
+    fd = comm.fds[fd].next;
+  }
+  fprintf(stream, "%d\n", fd);
+}
+
+// One dispatch pass. Returns false when a handler dropped another pending
+// handler: the rest of the array is stale and the cycle must end.
+bool dispatch(int n, short interest, bool read_pass) {
+  for (int i = 0; i < n; i++) {
+    const pollfd& p = comm.polls[i];
+    if (!(p.events & interest) || !(p.revents & (interest | POLLERR | POLLHUP))) continue;
+    int fd = p.fd;
+    DescriptorRecord& r = comm.fds[fd];
+    dlog(DLOG_COMM, 9, read_pass ? "poll rh: %d\n" : "poll wh: %d\n", fd);
+    IoHandler handler = read_pass ? r.read_handler : r.write_handler;
+    void* data = read_pass ? r.read_data : r.write_data;
+    comm_clear_fd(fd, read_pass ? COMM_READ : COMM_WRITE);
+    if (handler != nullptr) {
+      dlog(DLOG_COMM, 9, read_pass ? "Read Calling %p %d\n" : "Write Calling %p %d\n",
+           reinterpret_cast<void*>(handler), fd);
+      handler(fd, data);
+    }
+    if (comm.restart) {
+      dlog(DLOG_COMM, 5, "Restarting poll\n");
+      comm.restart = false;
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int comm_init(int n) {
+  dlog(DLOG_COMM, 5, "comm_init: nfiles %d, called %d\n", n, comm.called ? 1 : 0);
+  if (comm.called) {
+    dlog(DLOG_COMM, 0, "Can't call com_init twice\n");
+    exit(1);
+  }
+  comm.called = true;
+  comm_update_time();
+  comm.nfiles = static_cast<int>(set_fd_limit(n));
+  comm.fds.assign(comm.nfiles, DescriptorRecord{});
+  comm.polls.assign(comm.nfiles, pollfd{});
+  comm.writes.assign(comm.nfiles, WriteQueue{});
+  comm.free_head = 0;
+  dump_register(comm_dump);
+  comm.initialised = true;
+  return comm.nfiles;
+}
+
+void comm_add_fd(int fd, int flags, IoHandler handler, void* data) {
+  dlog(DLOG_COMM, 9, "comm_add_fd: %d %d %p\n", fd, flags, reinterpret_cast<void*>(handler));
+  if (!valid(fd)) {
+    dlog(DLOG_COMM, 1, "comm_add_fd: invalid fd: %d\n", fd);
+    return;
+  }
+  DescriptorRecord& r = comm.fds[fd];
+  if (handler == nullptr) {
+    if (r.free) return;
+    if (((flags & COMM_READ) && r.read_handler) || ((flags & COMM_WRITE) && r.write_handler))
+      comm.restart = true;
+    comm_clear_fd(fd, flags);
+    return;
+  }
+  if (r.free) push_used(fd);
+  if (flags & COMM_READ) {
+    r.read_handler = handler;
+    r.read_data = data;
+    r.poll.events |= POLLIN;
+  }
+  if (flags & COMM_WRITE) {
+    r.write_handler = handler;
+    r.write_data = data;
+    r.poll.events |= POLLOUT;
+  }
+}
+
+void comm_read(int fd, IoHandler handler, void* data) {
+  comm_add_fd(fd, COMM_READ, handler, data);
+}
+
+void comm_clear_read(int fd) {
+  comm_add_fd(fd, COMM_READ, nullptr, nullptr);
+}
+
+void comm_clear_fd(int fd, int flags) {
+  if (!valid(fd)) {
+    dlog(DLOG_COMM, 1, "comm_clear_fd: invalid fd: %d\n", fd);
+    return;
+  }
+  DescriptorRecord& r = comm.fds[fd];
+  if (r.free) return;
+  if (flags & COMM_READ) {
+    r.read_handler = nullptr;
+    r.poll.events &= ~POLLIN;
+  }
+  if (flags & COMM_WRITE) {
+    r.write_handler = nullptr;
+    r.poll.events &= ~POLLOUT;
+  }
+  if (r.read_handler != nullptr || r.write_handler != nullptr) return;
+  r.free = 1;
+  unlink_used(fd);
+}
+
+int comm_set_current_polls() {
+  if (!valid(comm.used_head)) {
+    dlog(DLOG_COMM, 1, "comm_set_current_polls: invalid fd: %d\n", comm.used_head);
+    return 0;
+  }
+  int n = 0;
+  for (int fd = comm.used_head; fd >= 0 && n < comm.nfiles; fd = comm.fds[fd].next) {
+    comm.polls[n] = pollfd{fd, comm.fds[fd].poll.events, 0};
+    n++;
+  }
+  dlog(DLOG_COMM, 9, "Polling total of %d fds\n", n);
+  comm.npolls = n;
+  return n;
+}
+
+void comm_run(int timeout) {
+  if (!comm.initialised) {
+    if (!comm.warned) dlog(DLOG_COMM, 9, "comm_run called without calling comm_init()\n");
+    comm.warned = true;
+    return;
+  }
+  dlog(DLOG_COMM, 9, "comm_run: %d\n", timeout);
+  errno = 0;
+  int wait_ms = static_cast<unsigned>(timeout) <= 2 ? timeout * 1000 : 2000;
+  int n = comm_set_current_polls();
+  if (n == 0) {
+    dlog(DLOG_COMM, 1, "Nothing to poll?\n");
+    return;
+  }
+  int r = poll(comm.polls.data(), static_cast<nfds_t>(n), wait_ms);
+  dlog(DLOG_COMM, 9, "poll result: %d %m\n", r);
+  if (r < 0 && !is_transient_errno(errno)) {
+    dlog(DLOG_COMM, 0, "Poll failed: %m\n");
+    exit(1);
+  }
+  comm_update_time();
+  if (r <= 0) return;
+  if (!dispatch(n, POLLIN, true)) return;
+  dispatch(n, POLLOUT, false);
+}
+
+int comm_pendings(int fd) {
+  if (!valid(fd)) {
+    dlog(DLOG_COMM, 1, "comm_pendings: invalid fd: %d\n", fd);
+    return 0;
+  }
+  return comm.writes[fd].count;
+}
+
+time_t comm_update_time() {
+  comm.now = time(nullptr);
+  dlog(DLOG_COMM, 9, "curr_time=%#lx\n", static_cast<long>(comm.now));
+  return comm.now;
+}
+
+time_t comm_current_time() {
+  return comm.now;
+}
+
+void comm_dump(FILE* stream) {
+  fprintf(stream, "COMM Dump:\n");
+  fprintf(stream, "Current time: %ld\n", static_cast<long>(comm.now));
+  fprintf(stream, "Free fd list: ");
+  comm_dump_list(stream, comm.free_head);
+  fprintf(stream, "Used fd list\n");
+  comm_dump_list(stream, comm.used_head);
+  fprintf(stream, "pending reads\n");
+  for (int fd = 0; fd < comm.nfiles; fd++)
+    if (comm.fds[fd].poll.events & POLLIN)
+      fprintf(stream, "fd %d handler %p\n", fd, reinterpret_cast<void*>(comm.fds[fd].read_handler));
+  fprintf(stream, "pending writes\n");
+  for (int fd = 0; fd < comm.nfiles; fd++)
+    if (comm.fds[fd].poll.events & POLLOUT)
+      fprintf(stream, "fd %d handler %p\n", fd,
+              reinterpret_cast<void*>(comm.fds[fd].write_handler));
+  fprintf(stream, "pending connects:\n");
+  for (const PendingOp* op = comm.connects; op != nullptr; op = op->next)
+    fprintf(stream, "fd %d, handler %p\n", op->fd, reinterpret_cast<void*>(op->handler));
+  fprintf(stream, "pending accepts:\n");
+  for (const PendingOp* op = comm.accepts; op != nullptr; op = op->next)
+    fprintf(stream, "\tlisten_fd %d handler %p\n", op->fd, reinterpret_cast<void*>(op->handler));
+  fprintf(stream, "queued writes:\n");
+  for (int fd = 0; fd < comm.nfiles; fd++) {
+    const QueuedWrite* w = comm.writes[fd].head;
+    if (w == nullptr) continue;
+    fprintf(stream, "fd %d: ", fd);
+    for (; w != nullptr; w = w->next)
+      fprintf(stream, "(size %d offset %d b %p h %p hd %p ff %p)", w->size, w->offset,
+              static_cast<const void*>(w->buffer), reinterpret_cast<void*>(w->handler), w->data,
+              reinterpret_cast<void*>(w->release));
+    fprintf(stream, "\n");
+  }
+  fprintf(stream, "\nPending finished: \n");
+  for (int fd = 0; fd < comm.nfiles; fd++) {
+    const HandlerEntry& f = comm.writes[fd].finished;
+    if (f.handler != nullptr)
+      fprintf(stream, "fd %d: h %p d %p\n", fd, reinterpret_cast<void*>(f.handler), f.data);
+  }
+  fprintf(stream, "Current Polls: \n");
+  for (int i = 0; i < comm.npolls; i++)
+    fprintf(stream, "fd %d events %x revents %x\n", comm.polls[i].fd, comm.polls[i].events,
+            comm.polls[i].revents);
+}

@@ -1,0 +1,146 @@
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "daemon/util.h"
+#include "event/comm.h"
+#include "event/comm_internal.h"
+#include "foundation/dlog.h"
+
+struct CommConnect : PendingOp {};
+struct CommAccept : PendingOp {};
+
+namespace {
+
+void push(PendingOp*& head, PendingOp* op) {
+  op->prev = nullptr;
+  op->next = head;
+  if (head != nullptr) head->prev = op;
+  head = op;
+}
+
+void unlink_op(PendingOp*& head, PendingOp* op) {
+  if (op->prev != nullptr)
+    op->prev->next = op->next;
+  else if (head == op)
+    head = op->next;
+  if (op->next != nullptr) op->next->prev = op->prev;
+  op->next = op->prev = nullptr;
+}
+
+void connect_handler(int fd, void* data) {
+  auto* record = static_cast<CommConnect*>(data);
+  dlog(DLOG_COMM, 7, "connect_handler: %d %p\n", fd, data);
+  if (!comm_valid_fd(fd)) {
+    dlog(DLOG_COMM, 1, "connect_handler: invalid fd: %d\n", fd);
+    return;
+  }
+  int pending = 0;
+  socklen_t len = sizeof(pending);
+  int outcome = 0;
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &len) < 0) {
+    dlog(DLOG_COMM, 1, "Can't getsockopt error: %d %m\n", fd);
+    outcome = 1;
+  } else if (pending != 0 && is_transient_errno(pending)) {
+    comm_add_fd(fd, COMM_WRITE, connect_handler, record);
+    return;
+  } else if (pending != 0) {
+    errno = pending;
+    dlog(DLOG_COMM, 5, "Socket connection failed: %d %m\n", fd);
+    outcome = 1;
+  } else {
+    comm_clear_fd(fd, COMM_WRITE);
+  }
+  int saved = errno;
+  unlink_op(comm.connects, record);
+  errno = saved;
+  record->handler(fd, outcome, record->data);
+  delete record;
+}
+
+void comm_accept_handler(int listen_fd, void* data) {
+  auto* record = static_cast<CommAccept*>(data);
+  int fd = accept(listen_fd, nullptr, nullptr);
+  dlog(DLOG_COMM, 7, "comm_accept_handler: listen_fd %d fd %d\n", listen_fd, fd);
+  if (fd < 0 && is_transient_errno(errno)) {
+    comm_add_fd(listen_fd, COMM_READ, comm_accept_handler, record);
+    return;
+  }
+  unlink_op(comm.accepts, record);
+  CommHandler handler = record->handler;
+  void* handler_data = record->data;
+  delete record;
+  if (fd < 0) {
+    handler(-1, 1, handler_data);
+    return;
+  }
+  if (fd >= comm.nfiles) {
+    dlog(DLOG_COMM, 0, "comm_accept_handler: fd limit reached\n");
+    close(fd);
+    handler(-1, 1, handler_data);
+    return;
+  }
+  if (set_nonblock(fd) != 0) {
+    close(fd);
+    dlog(DLOG_COMM, 1, "Couldn't non-block an accept socket:%m\n");
+    handler(-1, 1, handler_data);
+    return;
+  }
+  handler(fd, 0, handler_data);
+}
+
+}  // namespace
+
+CommConnect* comm_connect(int fd, const sockaddr* address, socklen_t length, CommHandler handler,
+                          void* data) {
+  dlog(DLOG_COMM, 5, "comm_connect: %d\n", fd);
+  if (!comm_valid_fd(fd)) {
+    dlog(DLOG_COMM, 1, "comm_connect: invalid fd: %d\n", fd);
+    return nullptr;
+  }
+  if (set_nonblock(fd) != 0) {
+    dlog(DLOG_COMM, 1, "Can't nonblock connect socket: %m\n");
+    return nullptr;
+  }
+  if (connect(fd, address, length) < 0 && !is_transient_errno(errno)) return nullptr;
+  auto* record = new CommConnect{};
+  record->fd = fd;
+  record->handler = handler;
+  record->data = data;
+  push(comm.connects, record);
+  comm_add_fd(fd, COMM_WRITE, connect_handler, record);
+  return record;
+}
+
+void comm_connect_abort(CommConnect* record) {
+  if (record == nullptr) {
+    dlog(DLOG_COMM, 1, "Aborting a NULL connection?\n");
+    return;
+  }
+  dlog(DLOG_COMM, 5, "Connect abort: %d\n", record->fd);
+  comm_add_fd(record->fd, COMM_WRITE, nullptr, nullptr);
+  unlink_op(comm.connects, record);
+  delete record;
+}
+
+CommAccept* comm_accept(int listen_fd, CommHandler handler, void* data) {
+  auto* record = new CommAccept{};
+  record->fd = listen_fd;
+  record->handler = handler;
+  record->data = data;
+  push(comm.accepts, record);
+  comm_add_fd(listen_fd, COMM_READ, comm_accept_handler, record);
+  return record;
+}
+
+void comm_accept_cancel(CommAccept* record) {
+  if (record == nullptr) {
+    dlog(DLOG_COMM, 1, "comm_accept_cancel: Tried to free null PCA\n");
+    return;
+  }
+  comm_add_fd(record->fd, COMM_READ, nullptr, nullptr);
+  unlink_op(comm.accepts, record);
+  delete record;
+}

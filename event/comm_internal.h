@@ -1,0 +1,78 @@
+// State shared by the loop's source files: the descriptor table, the poll
+// array, the per-descriptor write queues and the pending connect/accept
+// lists. Not for use outside event/.
+#pragma once
+
+#include <poll.h>
+
+#include <ctime>
+#include <vector>
+
+#include "event/comm.h"
+
+struct DescriptorRecord {
+  int next = -1;  // used list, most recently added first
+  int prev = -1;
+  int free = 1;
+  IoHandler read_handler = nullptr;
+  IoHandler write_handler = nullptr;
+  void* read_data = nullptr;
+  void* write_data = nullptr;
+  pollfd poll{-1, 0, 0};  // fd and events; revents lives in the poll array only
+};
+
+struct QueuedWrite {
+  QueuedWrite* next;
+  const char* buffer;
+  int size;    // bytes still to write
+  int offset;  // bytes already written
+  CommHandler handler;
+  void* data;
+  ReleaseFn release;
+};
+
+struct HandlerEntry {
+  int fd = -1;
+  CommHandler handler = nullptr;
+  void* data = nullptr;
+};
+
+struct WriteQueue {
+  QueuedWrite* head = nullptr;
+  int count = 0;
+  HandlerEntry finished;
+  HandlerEntry interm;
+  time_t interm_last = 0;
+  int interm_interval = 0;
+};
+
+struct PendingOp {  // a pending connect or accept
+  PendingOp* next;
+  PendingOp* prev;
+  int fd;
+  CommHandler handler;
+  void* data;
+};
+
+struct CommState {
+  int nfiles = 0;
+  std::vector<DescriptorRecord> fds;
+  std::vector<pollfd> polls;
+  std::vector<WriteQueue> writes;
+  int npolls = 0;
+  int used_head = -1;
+  int free_head = -1;
+  bool restart = false;
+  bool initialised = false;
+  bool called = false;
+  bool warned = false;
+  time_t now = 0;
+  PendingOp* connects = nullptr;
+  PendingOp* accepts = nullptr;
+};
+
+extern CommState comm;
+
+inline bool comm_valid_fd(int fd) {
+  return fd >= 0 && fd < comm.nfiles;
+}
