@@ -1,0 +1,287 @@
+// Listener and connection lifecycle: accept, admission limit, greeting, the
+// one close path, deferred release of records and the idle time-out.
+#include <arpa/inet.h>
+#include <linux/netfilter_ipv4.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "daemon/vigild.h"
+#include "foundation/dlog.h"
+#include "foundation/dump.h"
+#include "smtp/address.h"
+#include "smtp/backend.h"
+#include "smtp/config.h"
+#include "smtp/smtp.h"
+
+Connection* active_connections = nullptr;
+Connection* closed_connections = nullptr;
+int num_connections = 0;
+int listen_fd = -1;
+CommAccept* accept_handle = nullptr;
+const char* smtp_refusal_dump_file = "/var/support/vigild_dump.txt";
+DynString* command_line = nullptr;
+
+namespace {
+
+// Only the first refusal of the process leaves a dump: later ones would
+// overwrite the picture of the moment the limit was first reached.
+bool dump_on_refusal = true;
+
+// Dotted form of an address, for log lines that name two of them at once.
+struct Dotted {
+  explicit Dotted(const sockaddr_in& a) {
+    if (inet_ntop(AF_INET, &a.sin_addr, text, sizeof text) == nullptr) strcpy(text, "?");
+  }
+  char text[INET_ADDRSTRLEN];
+};
+
+int port_of(const sockaddr_in& a) {
+  return ntohs(a.sin_port);
+}
+
+void free_rcpt_list(RcptNode** head) {
+  for (RcptNode* node = *head; node != nullptr;) {
+    RcptNode* next = node->next;
+    dstr_free(node->address);
+    free(node);
+    node = next;
+  }
+  *head = nullptr;
+}
+
+void free_string(DynString** s) {
+  dstr_free(*s);
+  *s = nullptr;
+}
+
+void free_cstring(char** s) {
+  free(*s);
+  *s = nullptr;
+}
+
+void arm_accept() {
+  if (accept_handle == nullptr && listen_fd >= 0 && num_connections < config.max_connections)
+    accept_handle = comm_accept(listen_fd, smtp_accept, nullptr);
+}
+
+void write_refusal_dump() {
+  if (!dump_on_refusal) return;
+  FILE* f = fopen(smtp_refusal_dump_file, "w");
+  if (f == nullptr) return;
+  dump_connections(f);
+  fclose(f);
+  dump_on_refusal = false;
+}
+
+bool read_address(int fd, Connection* conn) {
+  socklen_t len = sizeof conn->receiver_addr;
+  if (getsockopt(fd, SOL_IP, SO_ORIGINAL_DST, &conn->receiver_addr, &len) != 0) {
+    dlog(DLOG_SMTP, 1, "getsockopt failed: %m\n");
+    return false;
+  }
+  len = sizeof conn->my_sender_addr;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&conn->my_sender_addr), &len) != 0) {
+    dlog(DLOG_SMTP, 1, "getsockname failed: %m\n");
+    return false;
+  }
+  len = sizeof conn->sender_addr;
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&conn->sender_addr), &len) != 0) {
+    dlog(DLOG_SMTP, 1, "getpeername failed: %m\n");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+DynString* smtp_checked(DynString* s) {
+  if (s == nullptr) fatal_exit("Out of memory: %m\n");
+  return s;
+}
+
+bool smtp_reply(Connection* conn, const char* text) {
+  if (comm_write(conn->sender_fd, text, static_cast<int>(strlen(text)), sender_write_callback, conn,
+                 nullptr) == 0)
+    return true;
+  close_connection(conn);
+  return false;
+}
+
+void smtp_init_listener() {
+  active_connections = nullptr;
+  closed_connections = nullptr;
+  accept_handle = comm_accept(listen_fd, smtp_accept, nullptr);
+  if (command_line == nullptr) command_line = smtp_checked(dstr_new(COMMAND_LINE_CAPACITY));
+  dump_register(dump_connections);
+}
+
+void smtp_close_all() {
+  while (active_connections != nullptr) close_connection(active_connections);
+}
+
+void smtp_accept(int fd, int status, void*) {
+  accept_handle = nullptr;
+  bool full = num_connections >= config.max_connections;
+  if (!full) accept_handle = comm_accept(listen_fd, smtp_accept, nullptr);
+
+  if (status == 1 || full) {
+    if (fd > 0) close(fd);
+    if (full) {
+      // The refused sender gets no reply: at the limit we cannot afford one.
+      dlog(DLOG_SMTP, 3, "New connection refused: max connections(%d) reached\n",
+           config.max_connections);
+      write_refusal_dump();
+    } else {
+      dlog(DLOG_SMTP, 1, "Accept error: %m\n");
+    }
+    return;
+  }
+
+  dlog(DLOG_SMTP, 4, "accepted new conn. current conn: %d\n", num_connections);
+  free_closed_connections();
+  Connection* conn = new_connection();
+  if (conn == nullptr) {
+    dlog(DLOG_SMTP, 0, "Can't create new connections: %m\n");
+    close(fd);
+    return;
+  }
+  conn->sender_fd = fd;
+  if (!read_address(fd, conn)) {
+    close_connection(conn);
+    return;
+  }
+  smtp_start_session(conn);
+}
+
+void smtp_start_session(Connection* conn) {
+  int fd = conn->sender_fd;
+  if (comm_write(fd, config.greeting_line, static_cast<int>(strlen(config.greeting_line)),
+                 sender_write_callback, conn, nullptr) != 0 ||
+      conn->closed) {
+    close_connection(conn);
+    return;
+  }
+  conn->can_relay = relay_check(ntohl(conn->sender_addr.sin_addr.s_addr));
+  conn->sender_stream = lstream_open(fd, read, SENDER_READ_SIZE);
+  if (conn->sender_stream == nullptr) {
+    dlog(DLOG_SMTP, 1, "Can not open sender stream: %m\n");
+    close_connection(conn);
+    return;
+  }
+  comm_read(fd, command_handler, conn);
+}
+
+Connection* new_connection() {
+  auto* conn = static_cast<Connection*>(calloc(1, sizeof(Connection)));
+  if (conn == nullptr) {
+    dlog(DLOG_SMTP, 1, "Cannot create new connection: %m\n");
+    return nullptr;
+  }
+  dlog(DLOG_SMTP, 5, "New connection %p\n", static_cast<void*>(conn));
+  conn->sender_fd = -1;
+  conn->receiver_fd = -1;
+  conn->prev = nullptr;
+  conn->next = active_connections;
+  if (active_connections != nullptr) active_connections->prev = conn;
+  active_connections = conn;
+  reset_idle_timer(conn);
+  num_connections += 1;
+  return conn;
+}
+
+void close_connection(Connection* conn) {
+  if (conn == nullptr || conn->closed) return;
+  conn->closed = true;
+  dlog(DLOG_SMTP, 5, "Closing connection %p\n", static_cast<void*>(conn));
+
+  close_backend(conn);
+  free_cstring(&conn->auth_user);
+  free_cstring(&conn->auth_pass);
+  if (conn->sender_stream != nullptr) lstream_close(nullptr, conn->sender_stream);
+  conn->sender_stream = nullptr;
+  if (conn->sender_fd != -1) {
+    // Queued replies are dropped silently: their handlers would only try to
+    // close this connection again.
+    comm_clear_write(conn->sender_fd, 0);
+    comm_clear_read(conn->sender_fd);
+    close(conn->sender_fd);
+    conn->sender_fd = -1;
+  }
+  if (conn->idle_timer != nullptr) timer_cancel(conn->idle_timer);
+  conn->idle_timer = nullptr;
+
+  free_cstring(&conn->msgid);
+  free_string(&conn->helo_domain);
+  free_string(&conn->from);
+  free_string(&conn->from_domain);
+  conn->rcpt_cursor = nullptr;
+  free_rcpt_list(&conn->rcpts);
+  conn->num_rcpts = 0;
+  free_rcpt_list(&conn->failed_rcpts);
+  conn->num_failed_rcpts = 0;
+
+  if (conn->prev != nullptr) conn->prev->next = conn->next;
+  if (conn->next != nullptr) conn->next->prev = conn->prev;
+  if (active_connections == conn) active_connections = conn->next;
+  conn->prev = nullptr;
+  conn->next = closed_connections;
+  closed_connections = conn;
+
+  if (num_connections > 0) num_connections -= 1;
+  arm_accept();
+}
+
+void free_closed_connections() {
+  while (closed_connections != nullptr) {
+    Connection* conn = closed_connections;
+    closed_connections = conn->next;
+    free(conn);
+  }
+}
+
+void reset_idle_timer(Connection* conn) {
+  if (conn == nullptr || conn->closed || config.idle_timeout <= 0) return;
+  if (conn->idle_timer == nullptr)
+    conn->idle_timer = timer_add(config.idle_timeout, idle_timeout_handler, conn);
+  else
+    timer_reschedule(config.idle_timeout, conn->idle_timer);
+}
+
+void reset_transaction(Connection* conn) {
+  free_string(&conn->from);
+  free_string(&conn->from_domain);
+  conn->num_rcpts = 0;
+  conn->num_failed_rcpts = 0;
+  conn->scan_result = 0;
+  if (conn->scan_timer != nullptr) timer_cancel(conn->scan_timer);
+  conn->scan_timer = nullptr;
+  conn->rcpt_cursor = nullptr;
+  free_rcpt_list(&conn->rcpts);
+  free_rcpt_list(&conn->failed_rcpts);
+  if (conn->scan_file != nullptr) fclose(conn->scan_file);
+  conn->scan_file = nullptr;
+  if (conn->scan_file_name != nullptr) unlink(conn->scan_file_name->data);
+  free_string(&conn->scan_file_name);
+}
+
+void sender_write_callback(int, int status, void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  if (status == 0 || conn == nullptr) return;
+  dlog(DLOG_SMTP, 5, "Sender(%s:%d) write error. Closing connection: %m\n",
+       Dotted(conn->sender_addr).text, port_of(conn->sender_addr));
+  close_connection(conn);
+}
+
+void idle_timeout_handler(void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  if (conn == nullptr || conn->closed) return;
+  dlog(DLOG_SMTP, 1, "Idle timeout. Closing connection. sender=%s(%d), receiver=%s(%d)\n",
+       Dotted(conn->sender_addr).text, port_of(conn->sender_addr), Dotted(conn->receiver_addr).text,
+       port_of(conn->receiver_addr));
+  conn->idle_timer = nullptr;  // it has fired; the timer module frees it
+  close_connection(conn);
+}

@@ -1,0 +1,120 @@
+// Session commands: QUIT, HELO, EHLO, RSET, HELP, NOOP and VRFY. None of them
+// builds the envelope; HELO/EHLO and RSET drop it.
+#include <cstring>
+
+#include "daemon/vigild.h"
+#include "foundation/dlog.h"
+#include "smtp/config.h"
+#include "smtp/smtp.h"
+
+namespace {
+
+void* ptr(Connection* conn) {
+  return static_cast<void*>(conn);
+}
+
+// HELO and EHLO differ in their texts, their success reply, and in that EHLO
+// also drops the envelope when it refuses.
+int hello(const DynString* line, Connection* conn, bool ehlo) {
+  const char* missing_reply =
+      ehlo ? "501 EHLO requires a domain address\r\n" : "501 HELO requires a domain address\r\n";
+  dlog(DLOG_SMTP, 9, ehlo ? "ehlo line: %s" : "helo line: %s", line->data);
+  // Every separator ends a word, so "HELO name\r\n" gives three words, the
+  // last one empty, while "HELO name\n" gives only two.
+  DstrListPtr words(dstr_split_set(line, " \t\r\n"));
+  if (words == nullptr) fatal_exit("Out of memory: %m\n");
+  if (words->count < 3) {
+    smtp_reply(conn, missing_reply);
+    dlog(DLOG_SMTP, 4,
+         ehlo ? "%p, response to EHLO: 501 EHLO requires a domain address\n"
+              : "%p, response to HELO: 501 HELO requires a domain address\n",
+         ptr(conn));
+    if (ehlo && !conn->closed) reset_transaction(conn);
+    return conn->closed;
+  }
+
+  dstr_free(conn->helo_domain);
+  conn->helo_domain = nullptr;
+  for (int i = 1; i < words->count; ++i) {
+    if (words->entries[i]->length == 0) {
+      dlog(DLOG_SMTP, 9, ehlo ? "Ignoring whitespace in EHLO\n" : "Ignoring whitespace in HELO\n");
+      continue;
+    }
+    conn->helo_domain = smtp_checked(dstr_copy(words->entries[i]));
+    break;
+  }
+  reset_transaction(conn);
+
+  if (conn->helo_domain != nullptr) {
+    const char* response = ehlo ? config.ehlo_response : config.helo_response;
+    smtp_reply(conn, response);
+    dlog(DLOG_SMTP, 4, ehlo ? "%p, response to EHLO: %s" : "%p, response to HELO: %s", ptr(conn),
+         response);
+    dlog(DLOG_SMTP, 9, ehlo ? "EHLO domain = \"%s\"\n" : "HELO domain = %s\n",
+         conn->helo_domain->data);
+    return conn->closed;
+  }
+  dlog(DLOG_SMTP, 9, ehlo ? "EHLO domain is null.\n" : "HELO domain is null.\n");
+  smtp_reply(conn, missing_reply);
+  if (ehlo && !conn->closed) reset_transaction(conn);
+  return conn->closed;
+}
+
+}  // namespace
+
+int smtp_quit(const DynString*, Connection* conn) {
+  // The reply's completion closes the connection; when the write goes out at
+  // once that happens before comm_write returns, so its result tells nothing.
+  comm_write(conn->sender_fd, "221 Goodbye.\r\n", 14, quit_callback, conn, nullptr);
+  dlog(DLOG_SMTP, 4, "%p, response to sender QUIT command: 221 Goodbye.\n", ptr(conn));
+  return 1;
+}
+
+void quit_callback(int fd, int status, void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  dlog(DLOG_SMTP, 9, "quit callback fd %d e %d\n", fd, status);
+  if (status == 1) dlog(DLOG_SMTP, 5, "Sender rudly went away during quit.\n");
+  close_connection(conn);
+}
+
+int smtp_helo(const DynString* line, Connection* conn) {
+  return hello(line, conn, false);
+}
+
+int smtp_ehlo(const DynString* line, Connection* conn) {
+  return hello(line, conn, true);
+}
+
+int smtp_rset(const DynString* line, Connection* conn) {
+  if (conn->noop_timer != nullptr) timer_cancel(conn->noop_timer);
+  conn->noop_timer = nullptr;
+  dlog(DLOG_SMTP, 9, "rset line: %s", line->data);
+  if (conn->transaction_pending) {
+    smtp_reply(conn, "501 Mail transaction pending\r\n");
+    return conn->closed;
+  }
+  reset_transaction(conn);
+  dlog(DLOG_SMTP, 4, "%p, response to RSET: %s\n", ptr(conn), "250 OK\r\n");
+  smtp_reply(conn, "250 OK\r\n");
+  return conn->closed;
+}
+
+int smtp_help(const DynString* line, Connection* conn) {
+  dlog(DLOG_SMTP, 9, "help line: %s", line->data);
+  smtp_reply(conn, "214 See RFC 2821\r\n");
+  dlog(DLOG_SMTP, 4, "%p, response to HELP: 214 See RFC 2821\n", ptr(conn));
+  return conn->closed;
+}
+
+int smtp_noop(const DynString* line, Connection* conn) {
+  dlog(DLOG_SMTP, 9, "noop line: %s", line->data);
+  smtp_reply(conn, "250 OK\r\n");
+  dlog(DLOG_SMTP, 4, "%p, response to NOOP: 250 OK\n", ptr(conn));
+  return conn->closed;
+}
+
+int smtp_vrfy(const DynString*, Connection* conn) {
+  smtp_reply(conn, "252 Maybe\r\n");
+  dlog(DLOG_SMTP, 4, "%p, response to VRFY: 252 Maybe\n", ptr(conn));
+  return conn->closed;
+}
