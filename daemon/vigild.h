@@ -37,3 +37,6 @@ void parse_args(int argc, char** argv);
 
 // Runs passes of the poll loop and timers until a termination signal.
 void main_loop();
+
+// The whole start-up sequence and the main loop; returns only if the loop does.
+int vigild_main(int argc, char** argv);

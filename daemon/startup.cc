@@ -1,0 +1,204 @@
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "daemon/signals.h"
+#include "daemon/util.h"
+#include "daemon/vigild.h"
+#include "daemon/watchdog.h"
+#include "event/comm.h"
+#include "event/timer.h"
+#include "foundation/dlog.h"
+#include "foundation/dump.h"
+#include "foundation/text.h"
+#include "net/tproxy.h"
+#include "smtp/config.h"
+#include "smtp/smtp.h"
+
+StartupOptions startup_options;
+volatile sig_atomic_t shutdown_requested = 0;
+volatile sig_atomic_t dump_requested = 0;
+volatile sig_atomic_t usr1_requested = 0;
+
+namespace {
+
+constexpr const char* USAGE_TEXT =
+    "usage: %s [-dfke] [-n max_fds] [-c config_file][-v num] [-p config_file] [-z "
+    "dump_file]\nk: disable cleanup\ne: log to stderr\ns: don't log to syslog\nd: Don't become a "
+    "daemon\nv ssl: Set log section/level 563 --> section 56 level 3.\n       6 or 006 --> All "
+    "sections, level 6.c config_file: Name of alternate common configuration file\nz dump_file: "
+    "Name of alternate dump file\np config_file: Name of alternate proxy configuration file\n";
+
+// Descriptors kept beside three per sender (sender, backend, scan file).
+constexpr int RESERVED_FDS = 20;
+constexpr int MIN_FDS = 1024;
+
+void replace_string(char** field, const char* value) {
+  free(*field);
+  *field = strdup(value);
+}
+
+void pre_init() {
+  dlog_init();
+  dlog_set_level(0, 3);
+  xasprintf(&startup_options.pid_file, "/var/run/%s.pid", startup_options.program_name);
+  dump_register(signal_dump);
+  timer_init();
+}
+
+// Steps that belong to the scanner clients and the control socket, which are
+// not part of this build yet: each logs that it is absent so an operator
+// reading the start-up log is not misled.
+void virus_scanner_client_init() {
+  dlog(DLOG_MAIN, 3, "Virus scanner client not available in this build\n");
+}
+void anti_spam_client_init() {
+  dlog(DLOG_MAIN, 3, "Anti-spam client not available in this build\n");
+}
+void control_socket_init() {
+  dlog(DLOG_MAIN, 3, "Control socket not available in this build\n");
+}
+void control_socket_close() {}
+
+void proxy_init(const char* common_file, const char* proxy_file) {
+  config_clear_lists();
+  read_config(common_file, proxy_file);
+  cleanup_scan_dir(config.scan_dir, config.scan_prefix);
+
+  int wanted = 3 * config.max_connections + config.as_connections + RESERVED_FDS;
+  if (wanted < MIN_FDS) wanted = MIN_FDS;
+  config.num_fds = comm_init(wanted);
+  int fit = (config.num_fds - config.as_connections - RESERVED_FDS) / 3;
+  if (fit < config.max_connections) config.max_connections = fit;
+  dlog(DLOG_SMTP, 7, "config.num_fds=%d max_connections %d\n", config.num_fds,
+       config.max_connections);
+  if (config.max_connections < 1) fatal_exit("No connections available.\n");
+
+  char host[256];
+  if (gethostname(host, sizeof(host)) == 0) {
+    host[sizeof(host) - 1] = '\0';
+    config_set_string(&config.my_domain, host);
+  } else {
+    dlog(DLOG_SMTP, 1, "Error in gethostname: %m\n");
+  }
+
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(config.listen_addr);
+  address.sin_port = htons(config.listen_port);
+  listen_fd = make_listen_socket(&address);
+  if (listen_fd < 0) fatal_exit("Can't initialize listen fd. %m\n");
+
+  virus_scanner_client_init();
+  set_user_group(config.user, config.group);
+  smtp_init_listener();
+  anti_spam_client_init();
+  control_socket_init();
+}
+
+}  // namespace
+
+void usage() {
+  fprintf(stderr, USAGE_TEXT, startup_options.program_name);
+  exit(1);
+}
+
+void parse_args(int argc, char** argv) {
+  int c;
+  while ((c = getopt(argc, argv, "v:n:c:dkep:sz:")) != -1) {
+    switch (c) {
+      case 'c':
+        replace_string(&startup_options.common_config_file, optarg);
+        break;
+      case 'p':
+        replace_string(&startup_options.proxy_config_file, optarg);
+        break;
+      case 'z':
+        replace_string(&startup_options.dump_file, optarg);
+        break;
+      case 'v': {
+        long n = strtol(optarg, nullptr, 10);
+        if (n < 0) n = 0;
+        dlog_set_level(static_cast<unsigned>(n / 10), static_cast<unsigned>(n % 10));
+        break;
+      }
+      case 'd':
+        startup_options.no_daemon = true;
+        break;
+      case 'k':
+        startup_options.cleanup_disabled = true;
+        break;
+      case 'e':
+        startup_options.log_flags |= DLOG_MODE_STDERR;
+        break;
+      case 's':
+        startup_options.log_flags &= ~DLOG_MODE_SYSLOG;
+        break;
+      default:  // -n is accepted by the syntax but not supported
+        usage();
+    }
+  }
+  dlog_set_mode(startup_options.program_name, startup_options.log_flags);
+}
+
+void fatal_exit(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vdlog(DLOG_SMTP, 0, format, args);
+  va_end(args);
+  dlog(DLOG_SMTP, 0, "Shuting down due to the above error.\n");
+  proxy_shutdown(1);
+}
+
+void proxy_shutdown(int status) {
+  control_socket_close();
+  if (listen_fd >= 0) {
+    comm_clear_fd(listen_fd, 3);
+    close(listen_fd);
+    listen_fd = -1;
+  }
+  smtp_close_all();
+  free_closed_connections();
+  if (config.scan_dir != nullptr) cleanup_scan_dir(config.scan_dir, config.scan_prefix);
+  exit(status);
+}
+
+void main_loop() {
+  while (!shutdown_requested) {
+    comm_run(timer_next_timeout());
+    timer_run();
+    free_closed_connections();
+    if (usr1_requested) usr1_requested = 0;
+    if (dump_requested) {
+      dump_requested = 0;
+      dump_state(startup_options.dump_file);
+    }
+  }
+  proxy_shutdown(0);
+}
+
+int vigild_main(int argc, char** argv) {
+  set_signal(SIGUSR1, SIG_IGN, 0);
+  set_signal(SIGUSR2, SIG_IGN, 0);
+  const char* slash = strrchr(argv[0], '/');
+  startup_options.program_name = strdup(slash != nullptr ? slash + 1 : argv[0]);
+  pre_init();
+  parse_args(argc, argv);
+  if (!startup_options.no_daemon) watchdog(startup_options.pid_file);
+  if (startup_options.dump_file == nullptr)
+    xasprintf(&startup_options.dump_file, "/var/support/dump.%s.%d.txt",
+              startup_options.program_name, static_cast<int>(getpid()));
+  unlink(startup_options.dump_file);
+  install_signal_handlers();
+  dlog(DLOG_MAIN, 9, "Version %s\n", VIGILD_VERSION);
+  dlog(DLOG_MAIN, 5, "Starting proxy\n");
+  detect_layer2();
+  proxy_init(startup_options.common_config_file, startup_options.proxy_config_file);
+  main_loop();
+  fatal_exit("Proxy returned?\n");
+  return 1;
+}
