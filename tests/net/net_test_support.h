@@ -2,7 +2,6 @@
 // running a check inside a private network namespace set up with ip(8).
 #pragma once
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,47 +13,27 @@
 #include <vector>
 
 #include "foundation/dlog.h"
+#include "tests/foundation/test_util.h"
 
 namespace net_test {
 
-// Redirects standard error into a file while alive, with dlog writing there.
-class LogCapture {
- public:
-  LogCapture() {
-    char name[] = "/tmp/net_test_log.XXXXXX";
-    fd_ = mkstemp(name);
-    unlink(name);
-    fflush(stderr);
-    saved_ = dup(2);
-    dup2(fd_, 2);
-    old_mode_ = dlog_set_mode("net_test", DLOG_MODE_STDERR);
+// What f logs, with the log writing to standard error only.
+inline std::string logged(const std::function<void()>& f) {
+  char name[] = "/tmp/net_test_log.XXXXXX";
+  int fd = mkstemp(name);
+  if (fd < 0) return "mkstemp failed";
+  close(fd);
+  std::string out;
+  {
+    foundation_test::StderrCapture capture(name);
+    unsigned mode = dlog_set_mode("net_test", DLOG_MODE_STDERR);
+    f();
+    dlog_set_mode("net_test", mode);
+    out = capture.finish();
   }
-  ~LogCapture() {
-    restore();
-    close(fd_);
-  }
-  std::string text() {
-    restore();
-    std::string out;
-    char buf[4096];
-    lseek(fd_, 0, SEEK_SET);
-    for (ssize_t n; (n = read(fd_, buf, sizeof buf)) > 0;) out.append(buf, n);
-    return out;
-  }
-
- private:
-  void restore() {
-    if (saved_ < 0) return;
-    fflush(stderr);
-    dup2(saved_, 2);
-    close(saved_);
-    saved_ = -1;
-    dlog_set_mode("net_test", old_mode_);
-  }
-  int fd_ = -1;
-  int saved_ = -1;
-  unsigned old_mode_ = 0;
-};
+  unlink(name);
+  return out;
+}
 
 constexpr const char* SKIP = "skip: no network namespace";
 

@@ -11,7 +11,7 @@
 namespace {
 
 using net_test::in_netns;
-using net_test::LogCapture;
+using net_test::logged;
 using net_test::SKIP;
 
 const char* const HEADING =
@@ -81,56 +81,40 @@ TEST_F(RouteParseTest, FirstMatchingRouteGivesTheInterfaceAddress) {
   EXPECT_EQ(routes_find(table_, raw("172.16.0.1")), raw("10.9.9.9"));
 }
 
-TEST_F(RouteParseTest, LookupWithoutMatchingRouteIsZero) {
-  std::string text =
-      std::string(HEADING) + "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
-  ASSERT_EQ(parse(text, ifs_, &table_), RouteParseResult::OK);
+TEST_F(RouteParseTest, LinesAreTakenSkippedOrEndTheTable) {
+  const char* const net = "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
+  const char* const other = "eth1\t0000000A\t00000000\t0001\t0\t0\t0\t000000FF\t0\t0\t0\n";
+  struct Case {
+    const char* label;
+    std::string body;
+    std::vector<uint32_t> dests;
+  };
+  const std::vector<Case> cases = {
+      {"no destination, no gateway",
+       std::string("eth0\t00000000\t00000000\t0201\t0\t0\t0\t00000000\t0\t0\t0\n") + net,
+       {0x0000A8C0u}},
+      {"five fields end the table",
+       std::string(net) + "eth0\t0000A8C0\t00000000\t0001\t0\n" + other,
+       {0x0000A8C0u}},
+      {"mask as last field", "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\n", {0x0000A8C0u}},
+      {"later load replaces", other, {0x0000000Au}},
+      {"heading only", "", {}},
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(parse(std::string(HEADING) + c.body, ifs_, &table_), RouteParseResult::OK) << c.label;
+    std::vector<uint32_t> dests;
+    for (const RouteEntry& r : table_.entries) dests.push_back(r.dest);
+    EXPECT_EQ(dests, c.dests) << c.label;
+  }
   EXPECT_EQ(routes_find(table_, raw("192.168.1.7")), 0u);
 }
 
-TEST_F(RouteParseTest, RouteWithoutDestinationAndGatewayIsSkipped) {
-  std::string text = std::string(HEADING) +
-                     "eth0\t00000000\t00000000\t0201\t0\t0\t0\t00000000\t0\t0\t0\n"
-                     "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
-  ASSERT_EQ(parse(text, ifs_, &table_), RouteParseResult::OK);
-  ASSERT_EQ(table_.entries.size(), 1u);
-  EXPECT_EQ(table_.entries[0].dest, 0x0000A8C0u);
-}
-
-TEST_F(RouteParseTest, ShortLineEndsReadingAndKeepsEarlierRoutes) {
-  std::string text = std::string(HEADING) +
-                     "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
-                     "eth0\t0000A8C0\t00000000\t0001\t0\n"
-                     "eth1\t00000000\t0102A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n";
-  ASSERT_EQ(parse(text, ifs_, &table_), RouteParseResult::OK);
-  EXPECT_EQ(table_.entries.size(), 1u);
-}
-
-TEST_F(RouteParseTest, EightFieldLineWithLineEndInMaskIsRead) {
-  std::string text = std::string(HEADING) + "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\n";
-  ASSERT_EQ(parse(text, ifs_, &table_), RouteParseResult::OK);
-  ASSERT_EQ(table_.entries.size(), 1u);
-  EXPECT_EQ(table_.entries[0].mask, 0x00FFFFFFu);
-}
-
 TEST_F(RouteParseTest, UnknownInterfaceIsReportedByName) {
-  std::string text = std::string(HEADING) +
-                     "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
-                     "wlan7\t0000000A\t00000000\t0001\t0\t0\t0\t000000FF\t0\t0\t0\n";
+  std::string text =
+      std::string(HEADING) + "wlan7\t0000000A\t00000000\t0001\t0\t0\t0\t000000FF\t0\t0\t0\n";
   std::string unknown;
   EXPECT_EQ(parse(text, ifs_, &table_, &unknown), RouteParseResult::UNKNOWN_INTERFACE);
   EXPECT_EQ(unknown, "wlan7");
-}
-
-TEST_F(RouteParseTest, ReloadReplacesEarlierRoutes) {
-  std::string one =
-      std::string(HEADING) + "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
-  std::string two =
-      std::string(HEADING) + "eth1\t0000000A\t00000000\t0001\t0\t0\t0\t000000FF\t0\t0\t0\n";
-  ASSERT_EQ(parse(one, ifs_, &table_), RouteParseResult::OK);
-  ASSERT_EQ(parse(two, ifs_, &table_), RouteParseResult::OK);
-  ASSERT_EQ(table_.entries.size(), 1u);
-  EXPECT_EQ(table_.entries[0].ifaddr, raw("10.9.9.9"));
 }
 
 std::string many_routes(int n) {
@@ -160,9 +144,7 @@ TEST(RoutesLoad, LoadsFileWithLiveInterfacesAndLooksUp) {
   ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
   close(fd);
   dlog_set_level(0, 9);
-  LogCapture log;
-  routes_load(name);
-  std::string out = log.text();
+  std::string out = logged([&] { routes_load(name); });
   dlog_set_level(0, 3);
   unlink(name);
   EXPECT_NE(out.find("num_routes=1\n"), std::string::npos) << out;
@@ -226,9 +208,9 @@ TEST(IfiInfo, OnlyLoopbackGivesNoLocalAddr) {
 
 TEST(IfiInfo, NoInterfaceUpIsAnError) {
   std::string out = in_netns({}, [] {
-    LogCapture log;
-    IfiInfo* list = get_ifi_info(AF_INET, 0);
-    return std::string(list == nullptr ? "null " : "list ") + log.text();
+    IfiInfo* list = nullptr;
+    std::string log = logged([&] { list = get_ifi_info(AF_INET, 0); });
+    return std::string(list == nullptr ? "null " : "list ") + log;
   });
   if (out == SKIP) GTEST_SKIP() << out;
   EXPECT_EQ(out, "null get_ifi_info error\n");

@@ -17,7 +17,7 @@
 namespace {
 
 using net_test::in_netns;
-using net_test::LogCapture;
+using net_test::logged;
 using net_test::SKIP;
 
 sockaddr_in make_addr(const char* dotted, int port) {
@@ -34,22 +34,19 @@ TEST(Layer2, FlagFileTurnsLayer2ModeOn) {
   ASSERT_GE(fd, 0);
   close(fd);
   layer2_mode = false;
-  {
-    LogCapture log;
-    EXPECT_EQ(detect_layer2(name), 1);
-    EXPECT_EQ(log.text(), "The proxy is running in Layer 2 mode\n");
-  }
+  int rc = 0;
+  EXPECT_EQ(logged([&] { rc = detect_layer2(name); }), "The proxy is running in Layer 2 mode\n");
+  EXPECT_EQ(rc, 1);
   EXPECT_TRUE(layer2_mode);
   unlink(name);
   layer2_mode = false;
-  LogCapture log;
-  EXPECT_EQ(detect_layer2(name), 0);
+  EXPECT_EQ(logged([&] { rc = detect_layer2(name); }), "");
+  EXPECT_EQ(rc, 0);
   EXPECT_FALSE(layer2_mode);
-  EXPECT_EQ(log.text(), "");
 }
 
-// A stand-in for the kernel facility: records what was passed and answers
-// with a scripted result.
+// A stand-in for the kernel facility: records what it was given and answers
+// as scripted, writing `result` back into the record as the facility does.
 struct FakeKernel {
   int level = -1;
   int optname = -1;
@@ -57,7 +54,6 @@ struct FakeKernel {
   TproxyAssoc seen{};
   int answer = 0;
   int error = 0;
-  bool write_result = false;
   sockaddr_in result{};
   sockaddr_in local{};
 };
@@ -68,10 +64,7 @@ int fake_set(int, int level, int optname, const void* value, socklen_t len) {
   fake.optname = optname;
   fake.len = len;
   memcpy(&fake.seen, value, sizeof fake.seen);
-  if (fake.write_result) {
-    // The facility writes its answer back into the caller's record.
-    const_cast<TproxyAssoc*>(static_cast<const TproxyAssoc*>(value))->result = fake.result;
-  }
+  const_cast<TproxyAssoc*>(static_cast<const TproxyAssoc*>(value))->result = fake.result;
   errno = fake.error;
   return fake.answer;
 }
@@ -100,6 +93,8 @@ class TproxyRecordTest : public ::testing::Test {
   sockaddr_in src_ = make_addr("198.51.100.7", 40000);
   sockaddr_in dst_ = make_addr("203.0.113.25", 25);
   sockaddr_in local_ = make_addr("192.0.2.10", 0);
+  int found_ = 7;
+  sockaddr_in result_ = make_addr("1.2.3.4", 5);
 };
 
 TEST_F(TproxyRecordTest, CtlSetSendsTheRecordLayout) {
@@ -107,7 +102,7 @@ TEST_F(TproxyRecordTest, CtlSetSendsTheRecordLayout) {
   EXPECT_EQ(fake.level, SOL_IP);
   EXPECT_EQ(fake.optname, 200);
   EXPECT_EQ(fake.len, 72u);
-  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&fake.seen);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(&fake.seen);
   EXPECT_EQ(memcmp(bytes + 0, &src_, 16), 0);
   EXPECT_EQ(memcmp(bytes + 16, &dst_, 16), 0);
   EXPECT_EQ(memcmp(bytes + 32, &local_, 16), 0);
@@ -119,79 +114,43 @@ TEST_F(TproxyRecordTest, CtlSetSendsTheRecordLayout) {
   for (int i = 52; i < 68; i++) EXPECT_EQ(bytes[i], 0) << i;
 }
 
-TEST_F(TproxyRecordTest, EachOperationSendsItsCode) {
-  int found;
-  sockaddr_in result;
+TEST_F(TproxyRecordTest, EachOperationSendsItsCodeAndNamesItsRefusal) {
   struct Case {
-    const char* label;
+    const char* name;
     std::function<int()> call;
     int op;
   };
   const std::vector<Case> cases = {
-      {"ctl", [&] { return tproxy_ctl_set(3, 1, &src_, &dst_, &local_); }, 0},
-      {"p2s", [&] { return tproxy_p2s(3, 1, &src_, &dst_, &local_); }, 1},
-      {"s2p", [&] { return tproxy_s2p(3, 1, &src_, &dst_, &local_, &found, &result); }, 2},
-      {"s2c", [&] { return tproxy_s2c(3, 1, &src_, &dst_, &local_); }, 3},
-      {"c2p", [&] { return tproxy_c2p(3, 1, &src_, &dst_, &local_, &found, &result); }, 4},
+      {"CTL", [&] { return tproxy_ctl_set(3, 1, &src_, &dst_, &local_); }, 0},
+      {"P2S", [&] { return tproxy_p2s(3, 1, &src_, &dst_, &local_); }, 1},
+      {"S2P", [&] { return tproxy_s2p(3, 1, &src_, &dst_, &local_, &found_, &result_); }, 2},
+      {"S2C", [&] { return tproxy_s2c(3, 1, &src_, &dst_, &local_); }, 3},
+      {"C2P", [&] { return tproxy_c2p(3, 1, &src_, &dst_, &local_, &found_, &result_); }, 4},
+      {"CTL", [&] { return tproxy_ctl_get(3, &src_, &dst_, &result_); }, 0},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(c.call(), 0) << c.label;
-    EXPECT_EQ(fake.seen.op, c.op) << c.label;
-    EXPECT_EQ(fake.optname, TPROXY_OXB_AT) << c.label;
+    fake.answer = 0;
+    EXPECT_EQ(c.call(), 0) << c.name;
+    EXPECT_EQ(fake.seen.op, c.op) << c.name;
+    fake.answer = -1;
+    fake.error = EOPNOTSUPP;
+    int rc = 0;
+    EXPECT_EQ(logged([&] { rc = c.call(); }),
+              std::string("TPROXY_OXB_AT ") + c.name + " error: Operation not supported\n");
+    EXPECT_EQ(rc, 1) << c.name;
   }
 }
 
-TEST_F(TproxyRecordTest, RefusalsAreLoggedWithTheOperationName) {
-  fake.answer = -1;
-  fake.error = EOPNOTSUPP;
-  int found = 7;
-  sockaddr_in result{};
-  struct Case {
-    std::function<int()> call;
-    const char* line;
-  };
-  const std::vector<Case> cases = {
-      {[&] { return tproxy_ctl_set(3, 1, &src_, &dst_, &local_); },
-       "TPROXY_OXB_AT CTL error: Operation not supported\n"},
-      {[&] { return tproxy_p2s(3, 1, &src_, &dst_, &local_); },
-       "TPROXY_OXB_AT P2S error: Operation not supported\n"},
-      {[&] { return tproxy_s2p(3, 1, &src_, &dst_, &local_, &found, &result); },
-       "TPROXY_OXB_AT S2P error: Operation not supported\n"},
-      {[&] { return tproxy_s2c(3, 1, &src_, &dst_, &local_); },
-       "TPROXY_OXB_AT S2C error: Operation not supported\n"},
-      {[&] { return tproxy_c2p(3, 1, &src_, &dst_, &local_, &found, &result); },
-       "TPROXY_OXB_AT C2P error: Operation not supported\n"},
-      {[&] { return tproxy_ctl_get(3, &src_, &dst_, &result); },
-       "TPROXY_OXB_AT CTL error: Operation not supported\n"},
-  };
-  for (const Case& c : cases) {
-    LogCapture log;
-    EXPECT_EQ(c.call(), 1) << c.line;
-    EXPECT_EQ(log.text(), c.line);
-  }
-  EXPECT_EQ(found, 7);
-}
-
-TEST_F(TproxyRecordTest, S2pWithoutEntryLeavesResultUntouched) {
-  sockaddr_in result = make_addr("1.2.3.4", 5);
-  int found = 9;
+TEST_F(TproxyRecordTest, LookupCopiesResultOnlyWhenKernelFoundAnEntry) {
+  fake.result = make_addr("10.0.0.1", 25);
   fake.answer = 0;
-  fake.write_result = true;
-  fake.result = make_addr("10.0.0.1", 25);
-  ASSERT_EQ(tproxy_s2p(3, 1, &src_, &dst_, &local_, &found, &result), 0);
-  EXPECT_EQ(found, 0);
-  EXPECT_EQ(result.sin_addr.s_addr, inet_addr("1.2.3.4"));
-}
-
-TEST_F(TproxyRecordTest, S2pWithEntryCopiesTheKernelResult) {
-  sockaddr_in result{};
-  int found = 0;
+  ASSERT_EQ(tproxy_s2p(3, 1, &src_, &dst_, &local_, &found_, &result_), 0);
+  EXPECT_EQ(found_, 0);
+  EXPECT_EQ(result_.sin_addr.s_addr, inet_addr("1.2.3.4"));
   fake.answer = 1;
-  fake.write_result = true;
-  fake.result = make_addr("10.0.0.1", 25);
-  ASSERT_EQ(tproxy_s2p(3, 1, &src_, &dst_, &local_, &found, &result), 0);
-  EXPECT_EQ(found, 1);
-  EXPECT_EQ(memcmp(&result, &fake.result, sizeof result), 0);
+  ASSERT_EQ(tproxy_c2p(3, 1, &src_, &dst_, &local_, &found_, &result_), 0);
+  EXPECT_EQ(found_, 1);
+  EXPECT_EQ(memcmp(&result_, &fake.result, sizeof result_), 0);
 }
 
 TEST_F(TproxyRecordTest, CtlGetReadsTheLocalAddress) {
@@ -211,13 +170,13 @@ TEST(TproxyKernel, StockKernelRefusesTheAssociation) {
   sockaddr_in src = make_addr("198.51.100.7", 40000), dst = make_addr("203.0.113.25", 25);
   sockaddr_in local = make_addr("127.0.0.1", 0);
   dlog_set_level(0, 9);
-  LogCapture log;
-  EXPECT_EQ(tproxy_ctl_get(sock, &src, &dst, &local), 1);
-  EXPECT_EQ(tproxy_ctl_set(sock, 0, &src, &dst, &local), 1);
-  std::string text = log.text();
+  std::string log = logged([&] {
+    EXPECT_EQ(tproxy_ctl_get(sock, &src, &dst, &local), 1);
+    EXPECT_EQ(tproxy_ctl_set(sock, 0, &src, &dst, &local), 1);
+  });
   dlog_set_level(0, 3);
   close(sock);
-  EXPECT_EQ(text.rfind("TPROXY_OXB_AT CTL error: ", 0), 0u) << text;
+  EXPECT_EQ(log.rfind("TPROXY_OXB_AT CTL error: ", 0), 0u) << log;
 }
 
 const std::vector<std::string> ONE_BROADCAST_INTERFACE = {
@@ -227,15 +186,15 @@ const std::vector<std::string> ONE_BROADCAST_INTERFACE = {
     "ip link set v0 up",
 };
 
+// "<result> <address>:<port> <log>" of one bind_local call.
 std::string bind_in_netns(const char* dotted, int port) {
   int sock = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a = make_addr(dotted, port);
-  LogCapture log;
-  int rc = bind_local(sock, &a);
-  std::string out = std::to_string(rc) + " " + inet_ntoa(a.sin_addr) + ":" +
-                    std::to_string(ntohs(a.sin_port)) + " " + log.text();
+  int rc = 0;
+  std::string log = logged([&] { rc = bind_local(sock, &a); });
   close(sock);
-  return out;
+  return std::to_string(rc) + " " + inet_ntoa(a.sin_addr) + ":" +
+         std::to_string(ntohs(a.sin_port)) + " " + log;
 }
 
 TEST(BindLocal, AnyAddressTakesFirstBroadcastInterface) {
