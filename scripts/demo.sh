@@ -82,9 +82,12 @@ for f in common.conf vigild.conf local_domains relay_ips; do
 done
 
 section "Starting the fake backend on $BACKEND:25 and vigild on port $PORT"
-in_ns "$PY" tests/e2e/vigil_bed.py backend >"$ROOT/backend.log" 2>&1 &
+# Started with ip netns exec directly (not through in_ns, which would put a
+# subshell in between), so that $! is the process itself: ip, unshare and sh
+# all exec in place.
+ip netns exec "$NS" "$PY" tests/e2e/vigil_bed.py backend >"$ROOT/backend.log" 2>&1 &
 BACKEND_PID=$!
-in_ns unshare -m --propagation private \
+ip netns exec "$NS" unshare -m --propagation private \
   sh -c 'mount --bind "$1" /var && shift && exec "$@"' demo "$ROOT/var" \
   "$VIGILD" -d -e -s -v 15 -v 504 -c "$ROOT/common.conf" -p "$ROOT/vigild.conf" \
   >"$ROOT/vigild.out" 2>"$ROOT/vigild.log" &
@@ -108,7 +111,7 @@ talk() {
   local source=$1 from=$2 to=$3
   if command -v swaks >/dev/null; then
     in_ns swaks --server "$BACKEND:25" --local-interface "$source" --helo client.demo.test \
-      --from "$from" --to "$to" --quit-after RCPT --timeout 10 --no-hints 2>&1
+      --from "$from" --to "$to" --quit-after RCPT --timeout 10 2>&1
   else
     in_ns "$PY" - "$source" "$from" "$to" <<'EOF'
 import smtplib, sys

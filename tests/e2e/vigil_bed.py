@@ -453,8 +453,9 @@ class FakeBackend:
     }
 
     def __init__(self, make_socket, addr=BACKEND_ADDR, port=BACKEND_PORT,
-                 greeting=b"220 backend.test ESMTP fake\r\n", replies=None):
+                 greeting=b"220 backend.test ESMTP fake\r\n", replies=None, on_line=None):
         self.greeting = greeting
+        self.on_line = on_line  # called as on_line(session, line) from the serving thread
         self.replies = dict(self.DEFAULT_REPLIES)
         self.replies.update(replies or {})
         self.sessions = []
@@ -509,6 +510,8 @@ class FakeBackend:
                 with self.cond:
                     session.lines.append(line)
                     self.cond.notify_all()
+                if self.on_line:
+                    self.on_line(session, line)
                 if auth_steps:
                     if not self._reply(conn, auth_steps.pop(0), line):
                         break
@@ -705,3 +708,35 @@ class BedTestCase(unittest.TestCase):
         bed = self.make_bed()
         bed.start_daemon(settings, **kw)
         return bed
+
+
+def _serve_backend(argv):
+    """Runs a FakeBackend in the current network namespace until SIGTERM or SIGINT,
+    printing every line it receives (used by scripts/demo.sh)."""
+    import argparse
+    import sys
+
+    ap = argparse.ArgumentParser(prog="vigil_bed.py backend")
+    ap.add_argument("--addr", default=BACKEND_ADDR)
+    ap.add_argument("--port", type=int, default=BACKEND_PORT)
+    args = ap.parse_args(argv)
+    backend = FakeBackend(socket.socket, args.addr, args.port,
+                          on_line=lambda session, line: print(
+                              f"backend <- {session.peer[0]}: {line!r}", flush=True))
+    print(f"fake backend listening on {args.addr}:{args.port}", flush=True)
+    stop = threading.Event()
+    for sig in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(sig, lambda *_: stop.set())
+    stop.wait()
+    backend.stop()
+    print(f"fake backend stopped after {len(backend.sessions)} session(s)", flush=True)
+    sys.exit(0)
+
+
+if __name__ == "__main__":
+    import sys
+
+    if sys.argv[1:2] == ["backend"]:
+        _serve_backend(sys.argv[2:])
+    else:
+        sys.exit("usage: vigil_bed.py backend [--addr A] [--port P]")
