@@ -83,5 +83,37 @@ class MaxConnectionsTest(vb.BedTestCase):
         self.assertEqual(waiting.cmd("NOOP"), b"250 OK\r\n")
 
 
+class DescriptorBudgetTest(vb.BedTestCase):
+    """max_connections shrinks to what the descriptor limit allows."""
+
+    @staticmethod
+    def capped(limit):
+        # Without CAP_SYS_RESOURCE even root cannot raise its hard limit.
+        return ["prlimit", f"--nofile={limit}:{limit}",
+                "setpriv", "--bounding-set", "-sys_resource"]
+
+    def test_limit_of_1024_leaves_room_for_331_connections(self):
+        vb.raise_nofile(2048)
+        bed = self.make_bed()
+        d = bed.start_daemon(wrapper=self.capped(1024))
+        d.wait_log("config.num_fds=1024 max_connections 331\n")
+        held = []
+        self.addCleanup(lambda: [c.close() for c in held])
+        for i in range(331):
+            held.append(bed.connect(f"10.9.1.{1 + i % 250}"))
+        refused = bed.connect(greeting=False)
+        self.assertEqual(refused.read_until_closed(), b"")
+        d.wait_log("New connection refused: max connections(331) reached\n")
+        self.assertEqual(held[-1].cmd("NOOP"), b"250 OK\r\n")
+
+    def test_no_room_for_any_connection_is_fatal(self):
+        bed = self.make_bed()
+        d = bed.start_daemon(wrapper=self.capped(32), wait=False)
+        self.assertEqual(d.wait(), 1)
+        err = d.stderr()
+        self.assertIn("No connections available.\n", err)
+        self.assertIn("Shuting down due to the above error.\n", err)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -623,11 +623,12 @@ class Bed:
         return str(common_path), str(proxy_path)
 
     def start_daemon(self, settings=None, verbosity=("9",), extra_args=(), wait=True,
-                     binary=None, raw_args=None):
+                     binary=None, raw_args=None, wrapper=()):
         """Starts vigild in the foreground and (by default) waits until it listens.
 
         settings override BED_SETTINGS (a value of None leaves the key out);
-        raw_args, when given, replace the whole command line after the binary.
+        raw_args, when given, replace the whole command line after the binary;
+        wrapper is a command that execs the daemon in place (prlimit, setpriv).
         """
         assert self.daemon is None or not self.daemon.alive(), "one daemon per bed"
         common, proxy = self.write_config(settings)
@@ -639,7 +640,7 @@ class Bed:
         else:
             args = list(raw_args)
         n = sum(1 for _ in self.root.glob("daemon*.err"))
-        self.daemon = Daemon(self, [str(binary or vigild_path())] + args,
+        self.daemon = Daemon(self, list(wrapper) + [str(binary or vigild_path())] + args,
                              self.root / f"daemon{n}.err", self.root / f"daemon{n}.out")
         if wait:
             self.daemon.wait_listening(self.listen_port)
