@@ -30,6 +30,27 @@ void unlink_op(PendingOp*& head, PendingOp* op) {
   op->next = op->prev = nullptr;
 }
 
+// Creates a pending record, links it at the head of its list and registers
+// the handler that will complete it.
+template <typename Op>
+Op* start_pending(PendingOp*& head, int fd, int flags, IoHandler io, CommHandler handler,
+                  void* data) {
+  auto* record = new Op{};
+  record->fd = fd;
+  record->handler = handler;
+  record->data = data;
+  push(head, record);
+  comm_add_fd(fd, flags, io, record);
+  return record;
+}
+
+// Drops a pending record without calling its handler.
+void cancel_pending(PendingOp*& head, PendingOp* record, int flags) {
+  comm_add_fd(record->fd, flags, nullptr, nullptr);
+  unlink_op(head, record);
+  delete record;
+}
+
 void connect_handler(int fd, void* data) {
   auto* record = static_cast<CommConnect*>(data);
   dlog(DLOG_COMM, 7, "connect_handler: %d %p\n", fd, data);
@@ -105,13 +126,7 @@ CommConnect* comm_connect(int fd, const sockaddr* address, socklen_t length, Com
     return nullptr;
   }
   if (connect(fd, address, length) < 0 && !is_transient_errno(errno)) return nullptr;
-  auto* record = new CommConnect{};
-  record->fd = fd;
-  record->handler = handler;
-  record->data = data;
-  push(comm.connects, record);
-  comm_add_fd(fd, COMM_WRITE, connect_handler, record);
-  return record;
+  return start_pending<CommConnect>(comm.connects, fd, COMM_WRITE, connect_handler, handler, data);
 }
 
 void comm_connect_abort(CommConnect* record) {
@@ -120,19 +135,12 @@ void comm_connect_abort(CommConnect* record) {
     return;
   }
   dlog(DLOG_COMM, 5, "Connect abort: %d\n", record->fd);
-  comm_add_fd(record->fd, COMM_WRITE, nullptr, nullptr);
-  unlink_op(comm.connects, record);
-  delete record;
+  cancel_pending(comm.connects, record, COMM_WRITE);
 }
 
 CommAccept* comm_accept(int listen_fd, CommHandler handler, void* data) {
-  auto* record = new CommAccept{};
-  record->fd = listen_fd;
-  record->handler = handler;
-  record->data = data;
-  push(comm.accepts, record);
-  comm_add_fd(listen_fd, COMM_READ, comm_accept_handler, record);
-  return record;
+  return start_pending<CommAccept>(comm.accepts, listen_fd, COMM_READ, comm_accept_handler, handler,
+                                   data);
 }
 
 void comm_accept_cancel(CommAccept* record) {
@@ -140,7 +148,5 @@ void comm_accept_cancel(CommAccept* record) {
     dlog(DLOG_COMM, 1, "comm_accept_cancel: Tried to free null PCA\n");
     return;
   }
-  comm_add_fd(record->fd, COMM_READ, nullptr, nullptr);
-  unlink_op(comm.accepts, record);
-  delete record;
+  cancel_pending(comm.accepts, record, COMM_READ);
 }
