@@ -102,26 +102,30 @@ class DisconnectTest(RobustnessTestCase):
         self.assert_still_serving()
 
     def test_thousands_of_connections_opened_and_dropped(self):
+        # Batches of 50 held open together, so that the daemon's descriptor
+        # numbers and connection records are reused in varying order.
         linger0 = struct.pack("ii", 1, 0)
-        for i in range(3000):
-            s = self.bed.raw_connect()
-            kind = i % 4
-            if kind == 0:  # gone before the daemon may even have accepted it
-                s.close()
-                continue
-            c = vb.SmtpClient(s)
-            self.assertEqual(c.read_reply(), b"220 local.domain ESMTP\r\n")
-            if kind == 1:
-                s.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger0)
-            elif kind == 2:
-                c.send(b"RCPT TO:<partial")
-            else:
-                c.send(b"QUIT\r\n")
-                self.assertEqual(c.read_until_closed(), b"221 Goodbye.\r\n")
-            s.close()
+        for batch in range(60):
+            held = []
+            for i in range(50):
+                s = self.bed.raw_connect(f"10.9.{1 + i % 2}.{1 + batch}")
+                if i % 4 == 0:  # gone before the daemon may even have accepted it
+                    s.close()
+                    continue
+                c = vb.SmtpClient(s)
+                self.assertEqual(c.read_reply(), b"220 local.domain ESMTP\r\n")
+                held.append((i % 4, c))
+            for kind, c in held:
+                if kind == 1:
+                    c.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger0)
+                elif kind == 2:
+                    c.send(b"RCPT TO:<partial")
+                else:
+                    c.send(b"QUIT\r\n")
+                    self.assertEqual(c.read_until_closed(), b"221 Goodbye.\r\n")
+                c.close()
         self.assert_fds_back_to_baseline()
         self.assert_still_serving()
-
 
 if __name__ == "__main__":
     unittest.main()
