@@ -5,10 +5,14 @@
 
 #include <poll.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <ctime>
+#include <new>
 #include <vector>
 
 #include "event/comm.h"
+#include "foundation/dlog.h"
 
 struct DescriptorRecord {
   int next = -1;  // used list, most recently added first
@@ -39,6 +43,7 @@ struct HandlerEntry {
 
 struct WriteQueue {
   QueuedWrite* head = nullptr;
+  QueuedWrite* tail = nullptr;  // appends stay O(1) behind a slow reader
   int count = 0;
   HandlerEntry finished;
   HandlerEntry interm;
@@ -52,6 +57,9 @@ struct PendingOp {  // a pending connect or accept
   int fd;
   CommHandler handler;
   void* data;
+  // Set while the handler runs: the record is off its list and is freed once
+  // the handler returns, so an abort or cancel from inside must not touch it.
+  bool completing;
 };
 
 struct CommState {
@@ -75,4 +83,17 @@ extern CommState comm;
 
 inline bool comm_valid_fd(int fd) {
   return fd >= 0 && fd < comm.nfiles;
+}
+
+// The loop cannot go on without its records: running out of memory here ends
+// the process, as the watchdog will start a fresh one.
+template <typename T>
+T* comm_alloc(T&& init) {
+  T* p = new (std::nothrow) T(static_cast<T&&>(init));
+  if (p == nullptr) {
+    errno = ENOMEM;
+    dlog(DLOG_COMM, 0, "calloc failed: %m\n");
+    exit(1);
+  }
+  return p;
 }

@@ -34,16 +34,24 @@ void comm_write_file_callback(int fd, int error, void* data) {
 }
 
 // Completes one write: the handler learns the outcome, then the buffer goes
-// back to its owner. Exactly once per queued or immediate write.
+// back to its owner. Exactly once per immediate or queued write.
+void complete(int fd, CommHandler handler, void* data, ReleaseFn release, const void* buffer,
+              int error) {
+  if (handler != nullptr) handler(fd, error, data);
+  if (release != nullptr) release(const_cast<void*>(buffer));
+}
+
 void finish_write(int fd, QueuedWrite* w, int error) {
-  if (w->handler != nullptr) w->handler(fd, error, w->data);
-  if (w->release != nullptr) w->release(const_cast<char*>(w->buffer));
+  complete(fd, w->handler, w->data, w->release, w->buffer, error);
   delete w;
 }
 
+// Unlinks the head before anything is called, so a handler that writes to or
+// clears the same descriptor sees a consistent queue.
 QueuedWrite* pop_head(WriteQueue& q) {
   QueuedWrite* w = q.head;
   q.head = w->next;
+  if (q.head == nullptr) q.tail = nullptr;
   q.count--;
   return w;
 }
@@ -109,8 +117,10 @@ void cwcb(int fd, void* data) {
 
 int queue_file(int fd, int file_fd, off_t offset, CommHandler handler, void* data,
                const char* invalid_message, bool log_size) {
-  if (fd < 0 || file_fd < 0) {
-    dlog(DLOG_COMM, 1, invalid_message, fd < 0 ? fd : file_fd);
+  // A destination beyond the table is refused here too: comm_write would
+  // ignore it and the mapping would never be given back.
+  if (!comm_valid_fd(fd) || file_fd < 0) {
+    dlog(DLOG_COMM, 1, invalid_message, comm_valid_fd(fd) ? file_fd : fd);
     return -1;
   }
   struct stat st;
@@ -120,7 +130,7 @@ int queue_file(int fd, int file_fd, off_t offset, CommHandler handler, void* dat
     return -1;
   }
   if (log_size) dlog(DLOG_COMM, 7, "write_file size: %d\n", static_cast<int>(st.st_size));
-  auto* record = new FileSend{fd, nullptr, static_cast<size_t>(st.st_size), handler, data};
+  auto* record = comm_alloc(FileSend{fd, nullptr, static_cast<size_t>(st.st_size), handler, data});
   void* map =
       st.st_size > 0 ? mmap(nullptr, record->size, PROT_READ, MAP_PRIVATE, file_fd, 0) : MAP_FAILED;
   if (map == MAP_FAILED) {
@@ -156,27 +166,29 @@ int comm_write(int fd, const void* buffer, int length, CommHandler handler, void
     return 0;
   }
   WriteQueue& q = comm.writes[fd];
-  auto* w =
-      new QueuedWrite{nullptr, static_cast<const char*>(buffer), length, 0, handler, data, release};
+  int offset = 0;
+  // Behind a non-empty queue nothing is tried: bytes leave in call order.
   if (q.head == nullptr) {
     ssize_t n = write(fd, buffer, static_cast<size_t>(length));
     if (n == length) {
-      finish_write(fd, w, 0);
+      complete(fd, handler, data, release, buffer, 0);
       return 0;
     }
-    if (n > 0) {
-      w->offset = static_cast<int>(n);
-      w->size = length - static_cast<int>(n);
-    } else if (n < 0 && !is_transient_errno(errno)) {
+    if (n < 0 && !is_transient_errno(errno)) {
       dlog(DLOG_COMM, 5, "comm_write err on fd %d, %d %m\n", fd, errno);
-      finish_write(fd, w, 1);
+      complete(fd, handler, data, release, buffer, 1);
       return -1;
     }
+    if (n > 0) offset = static_cast<int>(n);
   }
-  dlog(DLOG_COMM, 7, "comm_write: queuing: size %d\n", w->size);
-  QueuedWrite** tail = &q.head;
-  while (*tail != nullptr) tail = &(*tail)->next;
-  *tail = w;
+  dlog(DLOG_COMM, 7, "comm_write: queuing: size %d\n", length - offset);
+  auto* w = comm_alloc(QueuedWrite{nullptr, static_cast<const char*>(buffer), length - offset,
+                                   offset, handler, data, release});
+  if (q.tail != nullptr)
+    q.tail->next = w;
+  else
+    q.head = w;
+  q.tail = w;
   q.count++;
   register_cwcb(fd);
   return 0;
@@ -188,9 +200,21 @@ void comm_clear_write(int fd, int notify) {
     dlog(DLOG_COMM, 1, "comm_clear_write: invalid fd: %d\n", fd);
     return;
   }
+  // Everything is detached before the first handler runs: a handler that
+  // clears again cannot see a buffer twice, and one that writes again starts
+  // a fresh queue with its own registration, which this call leaves alone.
   WriteQueue& q = comm.writes[fd];
-  while (q.head != nullptr) {
-    QueuedWrite* w = pop_head(q);
+  QueuedWrite* w = q.head;
+  HandlerEntry finished = q.finished;
+  q.head = q.tail = nullptr;
+  q.count = 0;
+  q.finished.handler = nullptr;
+  // An intermediate handler belongs to the writes being dropped; left armed
+  // it would fire for the next owner of this descriptor number.
+  q.interm.handler = nullptr;
+  comm_add_fd(fd, COMM_WRITE, nullptr, nullptr);
+  while (w != nullptr) {
+    QueuedWrite* next = w->next;
     if (notify && w->handler != nullptr) {
       errno = 0;
       w->handler(fd, 1, w->data);
@@ -200,11 +224,9 @@ void comm_clear_write(int fd, int notify) {
     }
     if (w->release != nullptr) w->release(const_cast<char*>(w->buffer));
     delete w;
+    w = next;
   }
-  if (notify && q.finished.handler != nullptr) q.finished.handler(fd, 1, q.finished.data);
-  q.finished.handler = nullptr;
-  q.count = 0;
-  comm_add_fd(fd, COMM_WRITE, nullptr, nullptr);
+  if (notify && finished.handler != nullptr) finished.handler(fd, 1, finished.data);
 }
 
 void comm_finished(int fd, CommHandler handler, void* data) {
