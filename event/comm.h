@@ -55,9 +55,16 @@ int comm_write_file(int fd, int file_fd, CommHandler handler, void* data);
 int comm_write_file_offset(int fd, int file_fd, int offset, CommHandler handler, void* data);
 
 // Starts a non-blocking connect; null when it could not start (errno intact).
+// The handler learns the outcome on a later cycle, with errno the socket's
+// error on failure. The record lives until the handler returns or an abort.
 CommConnect* comm_connect(int fd, const sockaddr* address, socklen_t length, CommHandler handler,
                           void* data);
+// The handler is not called; fd stays open for the caller. Inside the
+// record's own handler it does nothing.
 void comm_connect_abort(CommConnect* record);
-// Accepts one connection on listen_fd and hands it (non-blocking) to handler.
+// Accepts one connection on listen_fd and hands it (non-blocking) to handler,
+// or (-1, 1) on failure; call again for the next one.
 CommAccept* comm_accept(int listen_fd, CommHandler handler, void* data);
+// Inside the record's own handler it does nothing, so a new comm_accept made
+// there stays registered.
 void comm_accept_cancel(CommAccept* record);

@@ -35,7 +35,7 @@ void unlink_op(PendingOp*& head, PendingOp* op) {
 template <typename Op>
 Op* start_pending(PendingOp*& head, int fd, int flags, IoHandler io, CommHandler handler,
                   void* data) {
-  auto* record = new Op{};
+  auto* record = comm_alloc(Op{});
   record->fd = fd;
   record->handler = handler;
   record->data = data;
@@ -44,8 +44,11 @@ Op* start_pending(PendingOp*& head, int fd, int flags, IoHandler io, CommHandler
   return record;
 }
 
-// Drops a pending record without calling its handler.
+// Drops a pending record without calling its handler. From inside that
+// handler the record is already done and freed by its caller; the interest
+// may by then belong to a new registration, so nothing is touched.
 void cancel_pending(PendingOp*& head, PendingOp* record, int flags) {
+  if (record->completing) return;
   comm_add_fd(record->fd, flags, nullptr, nullptr);
   unlink_op(head, record);
   delete record;
@@ -74,9 +77,8 @@ void connect_handler(int fd, void* data) {
   } else {
     comm_clear_fd(fd, COMM_WRITE);
   }
-  int saved = errno;
   unlink_op(comm.connects, record);
-  errno = saved;
+  record->completing = true;
   record->handler(fd, outcome, record->data);
   delete record;
 }
@@ -90,26 +92,21 @@ void comm_accept_handler(int listen_fd, void* data) {
     return;
   }
   unlink_op(comm.accepts, record);
-  CommHandler handler = record->handler;
-  void* handler_data = record->data;
-  delete record;
-  if (fd < 0) {
-    handler(-1, 1, handler_data);
-    return;
-  }
+  record->completing = true;
+  int error = 1;
   if (fd >= comm.nfiles) {
     dlog(DLOG_COMM, 0, "comm_accept_handler: fd limit reached\n");
     close(fd);
-    handler(-1, 1, handler_data);
-    return;
-  }
-  if (set_nonblock(fd) != 0) {
+    fd = -1;
+  } else if (fd >= 0 && set_nonblock(fd) != 0) {
     close(fd);
     dlog(DLOG_COMM, 1, "Couldn't non-block an accept socket:%m\n");
-    handler(-1, 1, handler_data);
-    return;
+    fd = -1;
+  } else if (fd >= 0) {
+    error = 0;
   }
-  handler(fd, 0, handler_data);
+  record->handler(fd, error, record->data);
+  delete record;
 }
 
 }  // namespace
