@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <new>
 #include <vector>
 
 #include "daemon/util.h"
@@ -90,9 +91,16 @@ int comm_init(int n) {
   comm.called = true;
   comm_update_time();
   comm.nfiles = static_cast<int>(set_fd_limit(n));
-  comm.fds.assign(comm.nfiles, DescriptorRecord{});
-  comm.polls.assign(comm.nfiles, pollfd{});
-  comm.writes.assign(comm.nfiles, WriteQueue{});
+  try {
+    comm.fds.assign(comm.nfiles, DescriptorRecord{});
+    comm.polls.assign(comm.nfiles, pollfd{});
+    comm.writes.assign(comm.nfiles, WriteQueue{});
+  } catch (const std::bad_alloc&) {
+    // Without its tables the loop cannot run; start-up ends here.
+    errno = ENOMEM;
+    dlog(DLOG_COMM, 0, "comm_init: can't allocate tables for %d fds: %m\n", comm.nfiles);
+    exit(1);
+  }
   comm.free_head = 0;
   dump_register(comm_dump);
   comm.initialised = true;
@@ -179,6 +187,10 @@ void comm_run(int timeout) {
   errno = 0;
   int wait_ms = static_cast<unsigned>(timeout) <= 2 ? timeout * 1000 : 2000;
   int n = comm_set_current_polls();
+  // The array was just built from the used list as it stands, so a removal
+  // made between cycles (a timer closing a connection, say) leaves nothing
+  // stale in it and must not cut this cycle short.
+  comm.restart = false;
   if (n == 0) {
     dlog(DLOG_COMM, 1, "Nothing to poll?\n");
     return;
