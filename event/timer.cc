@@ -1,5 +1,7 @@
 #include "event/timer.h"
 
+#include <cerrno>
+#include <new>
 #include <vector>
 
 #include "daemon/vigild.h"
@@ -8,7 +10,7 @@
 #include "foundation/dump.h"
 
 struct Timer {
-  int index;  // position in the heap, kept current by every swap
+  int index;  // position in the heap, kept current by every swap; -1 when out
   time_t expiry;
   TimerHandler handler;
   void* data;
@@ -20,6 +22,7 @@ constexpr size_t INITIAL_TIMERS = 2000;
 
 std::vector<Timer*> heap;  // size() is the capacity; count is the live part
 int count = 0;
+Timer* firing = nullptr;  // out of the heap while its handler runs
 
 void heap_swap(int i, int j) {
   std::swap(heap[i], heap[j]);
@@ -50,6 +53,7 @@ void timer_remove(Timer* t) {
        static_cast<void*>(t), t->index, count, reinterpret_cast<void*>(t->handler), t->data);
   count--;
   int k = t->index;
+  t->index = -1;
   if (k == count) {
     heap[count] = nullptr;
     return;
@@ -63,6 +67,22 @@ void timer_remove(Timer* t) {
     heap_down(k);
 }
 
+// Puts a record into the last position and moves it up to its place.
+void timer_insert(Timer* t) {
+  if (static_cast<size_t>(count) >= heap.size()) {
+    dlog(DLOG_TIMER, 1, "Rebuilding timers from %d\n", static_cast<int>(heap.size()));
+    try {
+      heap.resize(heap.empty() ? INITIAL_TIMERS : heap.size() * 2, nullptr);
+    } catch (const std::bad_alloc&) {
+      errno = ENOMEM;
+      fatal_exit("Realloc error in timer_add: %m");
+    }
+  }
+  t->index = count;
+  heap[count++] = t;
+  heap_up(t->index);
+}
+
 }  // namespace
 
 void timer_init() {
@@ -73,15 +93,15 @@ void timer_init() {
 
 Timer* timer_add(int delay, TimerHandler handler, void* data) {
   if (handler == nullptr) fatal_exit("Adding a null timer handler?\n");
-  if (static_cast<size_t>(count) >= heap.size()) {
-    dlog(DLOG_TIMER, 1, "Rebuilding timers from %d\n", static_cast<int>(heap.size()));
-    heap.resize(heap.empty() ? INITIAL_TIMERS : heap.size() * 2, nullptr);
+  auto* t = new (std::nothrow) Timer{-1, delay + comm_current_time(), handler, data};
+  if (t == nullptr) {
+    errno = ENOMEM;
+    fatal_exit("Calloc failed in timer_add: %m\n");
   }
-  auto* t = new Timer{count, delay + comm_current_time(), handler, data};
+  // The heap grows (and says so) before the new timer is logged.
+  timer_insert(t);
   dlog(DLOG_TIMER, 9, "timer_add: th %p t %ld handler %p data %p\n", static_cast<void*>(t),
        static_cast<long>(delay), reinterpret_cast<void*>(handler), data);
-  heap[count++] = t;
-  heap_up(t->index);
   return t;
 }
 
@@ -91,20 +111,30 @@ void timer_cancel(Timer* t) {
     dlog(DLOG_TIMER, 1, "Canceling a null timer?\n");
     return;
   }
-  timer_remove(t);
-  delete t;
+  if (t->index >= 0) timer_remove(t);
+  // A handler cancelling its own timer: timer_run frees it on return.
+  if (t != firing) delete t;
 }
 
 void timer_reschedule(int delay, Timer* t) {
+  if (t == nullptr) {
+    dlog(DLOG_TIMER, 1, "Rescheduling a null timer?\n");
+    return;
+  }
   dlog(DLOG_TIMER, 9,
        "timer_reschedule: th %p time %ld index %d current_timers %d handler %p data %p\n",
        static_cast<void*>(t), static_cast<long>(delay), t->index, count,
        reinterpret_cast<void*>(t->handler), t->data);
   t->expiry = delay + comm_current_time();
-  if (t->index > 0 && t->expiry <= heap[(t->index - 1) / 2]->expiry)
+  if (t->index < 0) {
+    // Only the firing timer is ever out of the heap: its handler re-arms it,
+    // and timer_run keeps the record instead of freeing it.
+    timer_insert(t);
+  } else if (t->index > 0 && t->expiry <= heap[(t->index - 1) / 2]->expiry) {
     heap_up(t->index);
-  else
+  } else {
     heap_down(t->index);
+  }
 }
 
 int timer_next_timeout() {
@@ -124,8 +154,10 @@ void timer_run() {
     dlog(DLOG_TIMER, 5, "timer_run: tx %p handler %p data %p\n", static_cast<void*>(t),
          reinterpret_cast<void*>(t->handler), t->data);
     timer_remove(t);
+    firing = t;
     t->handler(t->data);
-    delete t;
+    firing = nullptr;
+    if (t->index < 0) delete t;
   }
 }
 

@@ -11,8 +11,13 @@ using TimerHandler = void (*)(void* data);
 struct Timer;
 
 void timer_init();
+// Runs handler(data) once, delay (>= 0) seconds after the cached time.
 Timer* timer_add(int delay, TimerHandler handler, void* data);
+// Frees a pending timer. From the timer's own handler it is harmless: the
+// record goes when the handler returns.
 void timer_cancel(Timer* timer);
+// Moves a pending timer to delay seconds after the cached time. From the
+// timer's own handler it re-arms the timer, and the handle stays valid.
 void timer_reschedule(int delay, Timer* timer);
 // Seconds until the earliest timer (0 when due), -1 when none.
 int timer_next_timeout();
