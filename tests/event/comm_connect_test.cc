@@ -2,6 +2,7 @@
 #include <netinet/in.h>
 
 #include <cerrno>
+#include <string>
 #include <vector>
 
 #include "event_test_support.h"
@@ -9,6 +10,7 @@
 namespace {
 
 using event_test::init_loop_once;
+using event_test::LogCapture;
 using event_test::run_until;
 
 struct Result {
@@ -48,6 +50,7 @@ TEST_F(ConnectTest, ClosedPortFailsThroughHandlerWithRefused) {
   sockaddr_in a = listen_any(listener);
   listener.reset();  // the port is now closed
   UniqueFd s(socket(AF_INET, SOCK_STREAM, 0));
+  LogCapture log;
   CommConnect* c =
       comm_connect(s.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a), on_result, nullptr);
   if (c == nullptr) {
@@ -55,6 +58,9 @@ TEST_F(ConnectTest, ClosedPortFailsThroughHandlerWithRefused) {
     return;
   }
   ASSERT_TRUE(run_until([&] { return !results_.empty(); }));
+  EXPECT_TRUE(
+      log.has("Socket connection failed: " + std::to_string(s.get()) + " Connection refused\n"))
+      << log.text();
   EXPECT_EQ(results_[0].error, 1);
   EXPECT_EQ(results_[0].saved_errno, ECONNREFUSED);
   EXPECT_EQ(comm.connects, nullptr);
@@ -87,6 +93,26 @@ TEST_F(ConnectTest, AbortedConnectNeverCallsBack) {
   comm_connect_abort(nullptr);  // logged and ignored
 }
 
+// Owners abort whatever connect they hold when they close, which may happen
+// inside the connect's own handler.
+CommConnect* current_connect = nullptr;
+void abort_own_connect(int fd, int error, void* data) {
+  on_result(fd, error, data);
+  comm_connect_abort(current_connect);
+}
+
+TEST_F(ConnectTest, AbortFromItsOwnHandlerIsHarmless) {
+  UniqueFd listener;
+  sockaddr_in a = listen_any(listener);
+  UniqueFd s(socket(AF_INET, SOCK_STREAM, 0));
+  current_connect =
+      comm_connect(s.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a), abort_own_connect, nullptr);
+  ASSERT_NE(current_connect, nullptr);
+  ASSERT_TRUE(run_until([&] { return !results_.empty(); }));
+  EXPECT_EQ(results_.size(), 1u);
+  EXPECT_EQ(comm.connects, nullptr);
+}
+
 TEST_F(ConnectTest, EachAcceptRegistrationYieldsOneConnection) {
   UniqueFd listener;
   sockaddr_in a = listen_any(listener);
@@ -106,6 +132,32 @@ TEST_F(ConnectTest, EachAcceptRegistrationYieldsOneConnection) {
   ASSERT_TRUE(run_until([&] { return results_.size() == 2; }));
   UniqueFd second(results_[1].fd);
   EXPECT_EQ(results_[1].error, 0);
+  EXPECT_EQ(comm.accepts, nullptr);
+}
+
+// A handler that re-arms the accept and then cancels the record it was called
+// for must not lose the new registration.
+CommAccept* current_accept = nullptr;
+int accept_listener = -1;
+void rearm_then_cancel_old(int fd, int error, void* data) {
+  on_result(fd, error, data);
+  if (fd >= 0) close(fd);
+  CommAccept* old = current_accept;
+  current_accept = comm_accept(accept_listener, on_result, nullptr);
+  comm_accept_cancel(old);
+}
+
+TEST_F(ConnectTest, CancelInsideTheAcceptHandlerKeepsTheNewRegistration) {
+  UniqueFd listener;
+  sockaddr_in a = listen_any(listener);
+  accept_listener = listener.get();
+  UniqueFd c1(socket(AF_INET, SOCK_STREAM, 0)), c2(socket(AF_INET, SOCK_STREAM, 0));
+  ASSERT_EQ(connect(c1.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
+  ASSERT_EQ(connect(c2.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
+  current_accept = comm_accept(listener.get(), rearm_then_cancel_old, nullptr);
+  ASSERT_TRUE(run_until([&] { return results_.size() == 2; }));
+  EXPECT_EQ(results_[1].error, 0) << "the second connection was never accepted";
+  UniqueFd second(results_[1].fd);
   EXPECT_EQ(comm.accepts, nullptr);
 }
 

@@ -1,5 +1,6 @@
 #include <poll.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,7 @@
 namespace {
 
 using event_test::init_loop_once;
+using event_test::LogCapture;
 using event_test::SocketPair;
 
 struct Trace {
@@ -79,11 +81,25 @@ TEST_F(CommTest, RemovingAnotherPendingHandlerRestartsTheCycle) {
   comm_read(p1.a.get(), remove_victim_write, nullptr);
   // Also a write on the reader itself: it must not run in this cycle either.
   comm_add_fd(p1.a.get(), COMM_WRITE, record_write, nullptr);
+  LogCapture log;
   comm_run(0);
   EXPECT_EQ(trace_.calls, std::vector<std::string>{"r" + std::to_string(p1.a.get())});
+  EXPECT_TRUE(log.has("Restarting poll\n"));
   comm_run(0);  // the next cycle starts afresh
   EXPECT_EQ(trace_.calls.size(), 2u);
   EXPECT_EQ(trace_.calls.back(), "w" + std::to_string(p1.a.get()));
+}
+
+TEST_F(CommTest, RemovalBetweenCyclesDoesNotCutTheNextOneShort) {
+  SocketPair p1, p2, p3;
+  make_ready(p1);
+  make_ready(p2);
+  comm_read(p3.a.get(), record_read, nullptr);
+  comm_clear_read(p3.a.get());  // as a timer handler closing a connection does
+  comm_read(p1.a.get(), record_read, nullptr);
+  comm_read(p2.a.get(), record_read, nullptr);
+  comm_run(0);
+  EXPECT_EQ(trace_.calls.size(), 2u);
 }
 
 TEST_F(CommTest, NullHandlerOnFreeDescriptorDoesNotRestart) {
@@ -136,21 +152,64 @@ TEST_F(CommTest, HangupWakesTheReader) {
   EXPECT_EQ(trace_.calls.size(), 1u);
 }
 
-TEST_F(CommTest, InvalidDescriptorsAreRejectedAndIgnored) {
-  for (int fd : {-1, comm.nfiles, comm.nfiles + 100}) {
-    comm_add_fd(fd, COMM_READ, record_read, nullptr);
-    comm_clear_fd(fd, COMM_READ);
-    EXPECT_EQ(comm_pendings(fd), 0);
-    EXPECT_EQ(comm_write(fd, "x", 1, nullptr, nullptr, nullptr), 0);
-    comm_clear_write(fd, 1);
-  }
-  EXPECT_EQ(comm.used_head, -1);
+int completions = 0;
+void count_completion(int, int, void*) {
+  completions++;
 }
 
-TEST_F(CommTest, DumpListsUsedDescriptorsNewestFirst) {
+// Every operation names itself when it refuses a descriptor, and does nothing
+// else: no handler runs, no record is kept.
+TEST_F(CommTest, InvalidDescriptorsAreLoggedByEachOperationAndIgnored) {
+  struct Case {
+    const char* op;
+    void (*call)(int fd);
+  };
+  const Case cases[] = {
+      {"comm_add_fd", [](int fd) { comm_add_fd(fd, COMM_READ, record_read, nullptr); }},
+      {"comm_add_fd", [](int fd) { comm_read(fd, record_read, nullptr); }},
+      {"comm_clear_fd", [](int fd) { comm_clear_fd(fd, COMM_READ); }},
+      {"comm_pendings", [](int fd) { EXPECT_EQ(comm_pendings(fd), 0); }},
+      {"comm_write",
+       [](int fd) { EXPECT_EQ(comm_write(fd, "x", 1, count_completion, nullptr, nullptr), 0); }},
+      {"comm_clear_write", [](int fd) { comm_clear_write(fd, 1); }},
+      {"comm_finished", [](int fd) { comm_finished(fd, count_completion, nullptr); }},
+      {"comm_interm", [](int fd) { comm_interm(fd, count_completion, nullptr, 0); }},
+      {"comm_write_file",
+       [](int fd) { EXPECT_EQ(comm_write_file(fd, 0, count_completion, nullptr), -1); }},
+      {"comm_write_file_offset",
+       [](int fd) { EXPECT_EQ(comm_write_file_offset(fd, 0, 0, count_completion, nullptr), -1); }},
+      {"comm_connect",
+       [](int fd) { EXPECT_EQ(comm_connect(fd, nullptr, 0, count_completion, nullptr), nullptr); }},
+  };
+  for (const Case& c : cases) {
+    for (int fd : {-1, comm.nfiles}) {
+      LogCapture log;
+      completions = 0;
+      c.call(fd);
+      std::string line = std::string(c.op) + ": invalid fd: " + std::to_string(fd) + "\n";
+      EXPECT_TRUE(log.has(line)) << c.op << " with " << fd << " logged:\n" << log.text();
+      EXPECT_EQ(completions, 0) << c.op;
+    }
+  }
+  EXPECT_EQ(comm.used_head, -1);
+  EXPECT_EQ(comm.connects, nullptr);
+}
+
+TEST_F(CommTest, EmptyPollSetEndsTheCycle) {
+  ASSERT_EQ(comm.used_head, -1);
+  LogCapture log;
+  comm_run(0);
+  EXPECT_TRUE(log.has("comm_set_current_polls: invalid fd: -1\n"));
+  EXPECT_TRUE(log.has("Nothing to poll?\n"));
+}
+
+TEST_F(CommTest, DumpShowsListsHandlersAndTheLastPollSet) {
   SocketPair p1, p2;
-  comm_read(p1.a.get(), record_read, nullptr);
-  comm_read(p2.a.get(), record_read, nullptr);
+  int x = p1.a.get(), y = p2.a.get();
+  comm_read(x, record_read, nullptr);
+  comm_read(y, record_read, nullptr);
+  comm_add_fd(y, COMM_WRITE, record_write, nullptr);
+  comm_set_current_polls();
   char* text = nullptr;
   size_t size = 0;
   FILE* f = open_memstream(&text, &size);
@@ -158,8 +217,17 @@ TEST_F(CommTest, DumpListsUsedDescriptorsNewestFirst) {
   fclose(f);
   std::string dump(text, size);
   free(text);
-  std::string chain = std::to_string(p2.a.get()) + " -> " + std::to_string(p1.a.get()) + " -> -1\n";
-  EXPECT_NE(dump.find("Used fd list\n" + chain), std::string::npos) << dump;
+  char expect[512];
+  auto h = [](IoHandler fn) { return reinterpret_cast<void*>(fn); };
+  snprintf(expect, sizeof(expect),
+           "Used fd list\n%d -> %d -> -1\npending reads\nfd %d handler %p\nfd %d handler "
+           "%p\npending writes\nfd %d handler %p\npending connects:\npending accepts:\nqueued "
+           "writes:\n\nPending finished: \nCurrent Polls: \nfd %d events 5 revents 0\nfd %d "
+           "events 1 revents 0\n",
+           y, x, std::min(x, y), h(record_read), std::max(x, y), h(record_read), y, h(record_write),
+           y, x);
+  EXPECT_NE(dump.find(expect), std::string::npos) << dump;
+  EXPECT_EQ(dump.find("COMM Dump:\nCurrent time: "), 0u) << dump;
   EXPECT_NE(dump.find("Free fd list: 0 -> -1\n"), std::string::npos) << dump;
 }
 

@@ -138,11 +138,106 @@ TEST_F(CommWriteTest, ClearWriteReleasesEachBufferOnceAndNotifiesOnlyWhenAsked) 
 
   comm_write(p.a.get(), make_buffer(3, big, 'x'), static_cast<int>(big), on_done, tag(3),
              release_buffer);
+  comm_finished(p.a.get(), on_done, tag(4));
   comm_clear_write(p.a.get(), 1);
-  EXPECT_EQ(outcomes_.handled.back(), (std::pair<int, int>{3, 1}));
+  EXPECT_EQ(outcomes_.handled, (std::vector<std::pair<int, int>>{{3, 1}, {4, 1}}));
   comm_run(0);
-  EXPECT_EQ(outcomes_.handled.size(), 1u);
+  EXPECT_EQ(outcomes_.handled.size(), 2u);
   EXPECT_TRUE(live_buffers.empty());
+}
+
+// The usual owner reaction to a failed write is to close: clearing the queue
+// from inside a completion must neither repeat nor skip anyone.
+void clear_on_failure(int fd, int error, void* data) {
+  on_done(fd, error, data);
+  if (error != 0) comm_clear_write(fd, 1);
+}
+
+TEST_F(CommWriteTest, ClearingFromAFailureHandlerCompletesEachWriteOnce) {
+  SocketPair p;
+  size_t big = static_cast<size_t>(socket_buffer(p.a.get())) * 4;
+  for (int t = 1; t <= 3; t++)
+    comm_write(p.a.get(), make_buffer(t, big, 'x'), static_cast<int>(big), clear_on_failure, tag(t),
+               release_buffer);
+  p.b.reset();
+  run_until([&] { return outcomes_.released.size() == 3; });
+  EXPECT_EQ(outcomes_.handled, (std::vector<std::pair<int, int>>{{1, 1}, {2, 1}, {3, 1}}));
+  // The first buffer comes back last: its release follows its handler, which
+  // cleared the others.
+  EXPECT_EQ(outcomes_.released, (std::vector<int>{2, 3, 1}));
+}
+
+// A handler told of the clear may write again at once; that write must keep
+// its registration and go out.
+std::string* rewrite_text = nullptr;
+void write_again(int fd, int error, void* data) {
+  on_done(fd, error, data);
+  comm_write(fd, rewrite_text->data(), static_cast<int>(rewrite_text->size()), on_done, tag(20),
+             nullptr);
+}
+
+TEST_F(CommWriteTest, WriteMadeDuringAClearStillGoesOut) {
+  SocketPair p;
+  size_t big = static_cast<size_t>(socket_buffer(p.a.get())) * 4;
+  std::string again(big, 'z');
+  rewrite_text = &again;
+  comm_write(p.a.get(), make_buffer(1, big, 'y'), static_cast<int>(big), write_again, tag(1),
+             release_buffer);
+  ASSERT_EQ(comm_pendings(p.a.get()), 1);
+  size_t sent = big - static_cast<size_t>(comm.writes[p.a.get()].head->size);
+  comm_clear_write(p.a.get(), 1);
+  ASSERT_EQ(comm_pendings(p.a.get()), 1) << "the new write was dropped with the old queue";
+  std::string got = drain(p.b.get(), sent + big);
+  ASSERT_EQ(got.size(), sent + big) << "the queued write stalled";
+  EXPECT_EQ(got.substr(sent), again);
+  EXPECT_EQ(outcomes_.handled.back(), (std::pair<int, int>{20, 0}));
+}
+
+int reads_seen = 0;
+void count_read(int fd, void*) {
+  char c[16];
+  if (read(fd, c, sizeof(c)) > 0) reads_seen++;
+  comm_read(fd, count_read, nullptr);
+}
+
+TEST_F(CommWriteTest, PeerThatStopsReadingStallsNoOtherDescriptor) {
+  SocketPair stuck, live;
+  reads_seen = 0;
+  size_t big = static_cast<size_t>(socket_buffer(stuck.a.get())) * 8;
+  comm_write(stuck.a.get(), make_buffer(1, big, 's'), static_cast<int>(big), on_done, tag(1),
+             release_buffer);
+  comm_read(live.a.get(), count_read, nullptr);
+  for (int i = 0; i < 20; i++) {
+    ASSERT_EQ(write(live.b.get(), "ping", 4), 4);
+    ASSERT_EQ(comm_write(live.a.get(), "pong", 4, on_done, tag(2), nullptr), 0);
+    comm_run(1);
+  }
+  EXPECT_EQ(reads_seen, 20);
+  EXPECT_EQ(outcomes_.handled.size(), 20u);
+  EXPECT_EQ(comm_pendings(stuck.a.get()), 1) << "the stuck peer's buffer is still queued";
+  comm_clear_write(stuck.a.get(), 0);  // its owner gives up: the buffer comes back
+  EXPECT_EQ(outcomes_.released, std::vector<int>{1});
+}
+
+TEST_F(CommWriteTest, IntermediateHandlerReportsProgressThenFinishedReportsTheEnd) {
+  SocketPair p;
+  size_t big = static_cast<size_t>(socket_buffer(p.a.get())) * 4;
+  comm_write(p.a.get(), make_buffer(1, big, 'x'), static_cast<int>(big), nullptr, nullptr,
+             release_buffer);
+  comm_interm(p.a.get(), on_done, tag(3), 0);
+  EXPECT_TRUE(outcomes_.handled.empty()) << "called with writes still queued at registration";
+  // Read a little at a time until one write pass has run: it cannot take the
+  // whole rest, so writes are still queued when the progress call comes.
+  char chunk[4096];
+  for (size_t i = 0; i < big / sizeof(chunk) && outcomes_.handled.empty(); i++) {
+    ASSERT_GT(read(p.b.get(), chunk, sizeof(chunk)), 0);
+    comm_run(0);
+  }
+  ASSERT_EQ(outcomes_.handled, (std::vector<std::pair<int, int>>{{3, 0}}));
+  EXPECT_GT(comm_pendings(p.a.get()), 0) << "the progress call came after the end";
+  drain(p.b.get(), big);
+  run_until([&] { return outcomes_.handled.size() == 2; });
+  EXPECT_EQ(outcomes_.handled, (std::vector<std::pair<int, int>>{{3, 0}, {3, 0}}));
 }
 
 TEST_F(CommWriteTest, FinishedRunsAtOnceWhenIdleAndAfterDrainOtherwise) {

@@ -6,6 +6,7 @@
 namespace {
 
 using event_test::init_loop_once;
+using event_test::LogCapture;
 
 std::vector<int>* fired = nullptr;
 void on_fire(void* data) {
@@ -13,6 +14,31 @@ void on_fire(void* data) {
 }
 void* tag(int t) {
   return reinterpret_cast<void*>(static_cast<intptr_t>(t));
+}
+
+// Reads the heap back through timer_dump: each line's index must be its
+// location and no timer may expire before its parent.
+testing::AssertionResult heap_is_ordered() {
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* f = open_memstream(&text, &size);
+  timer_dump(f);
+  fclose(f);
+  std::string dump(text, size);
+  free(text);
+  std::vector<long> expiry;
+  for (size_t at = dump.find("location "); at != std::string::npos;
+       at = dump.find("location ", at + 1)) {
+    int location = -1, index = -2;
+    long timeout = 0;
+    sscanf(dump.c_str() + at, "location %d index %d timeout %ld", &location, &index, &timeout);
+    if (location != index || location != static_cast<int>(expiry.size()))
+      return testing::AssertionFailure() << "stale index:\n" << dump;
+    if (location > 0 && timeout < expiry[static_cast<size_t>(location - 1) / 2])
+      return testing::AssertionFailure() << "earlier than its parent:\n" << dump;
+    expiry.push_back(timeout);
+  }
+  return testing::AssertionSuccess();
 }
 
 class TimerTest : public ::testing::Test {
@@ -80,12 +106,28 @@ TEST_F(TimerTest, CancelFromTheMiddleKeepsHeapOrder) {
   forget_fired();
 }
 
+TEST_F(TimerTest, CancelWhoseReplacementBeatsTheParentMovesItUp) {
+  // Added in this order the heap array is exactly [1 10 2 11 12 3 4].
+  std::vector<Timer*> timers;
+  for (int d : {1, 10, 2, 11, 12, 3, 4}) timers.push_back(add(d, d));
+  timer_cancel(timers[3]);  // 11 goes; 4 takes its place under 10
+  forget(timers[3]);
+  EXPECT_TRUE(heap_is_ordered());
+  for (int t = 1; t <= 12; t++) {
+    advance(1);
+    timer_run();
+  }
+  EXPECT_EQ(fired_, (std::vector<int>{1, 2, 3, 4, 10, 12}));
+  forget_fired();
+}
+
 TEST_F(TimerTest, RescheduleMovesBothWays) {
   Timer* a = add(10, 1);
   add(5, 2);
   Timer* c = add(1, 3);
   timer_reschedule(0, a);   // earlier: to the root
   timer_reschedule(20, c);  // later: to the leaves
+  EXPECT_TRUE(heap_is_ordered());
   EXPECT_EQ(timer_next_timeout(), 0);
   advance(6);
   timer_run();
@@ -108,15 +150,57 @@ TEST_F(TimerTest, ZeroDelayAddedByAHandlerRunsInTheSamePass) {
 }
 
 TEST_F(TimerTest, GrowsPastInitialCapacity) {
+  static bool first_run = true;  // the heap only grows, once per process
+  LogCapture log;
   for (int i = 0; i < 4500; i++) add(1 + i % 50, i);
+  if (first_run) {
+    EXPECT_TRUE(log.has("Rebuilding timers from 2000\n"));
+    EXPECT_TRUE(log.has("Rebuilding timers from 4000\n"));
+  }
+  first_run = false;
+  EXPECT_TRUE(heap_is_ordered());
   advance(100);
   timer_run();
   ASSERT_EQ(fired_.size(), 4500u);
   forget_fired();
 }
 
-TEST_F(TimerTest, NullCancelIsIgnored) {
+// Owners close on an idle time-out, and closing cancels the idle timer: the
+// very one that is firing.
+Timer* own = nullptr;
+void cancel_own(void* data) {
+  on_fire(data);
+  timer_cancel(own);
+}
+void rearm_own_once(void* data) {
+  on_fire(data);
+  if (fired->size() == 1) timer_reschedule(3, own);
+}
+
+TEST_F(TimerTest, HandlerMayCancelOrRearmItsOwnTimer) {
+  own = timer_add(1, cancel_own, tag(1));
+  advance(1);
+  timer_run();
+  EXPECT_EQ(fired_, std::vector<int>{1});
+  EXPECT_EQ(timer_next_timeout(), -1);
+
+  fired_.clear();
+  own = timer_add(1, rearm_own_once, tag(2));
+  advance(1);
+  timer_run();
+  EXPECT_EQ(timer_next_timeout(), 3) << "rescheduling from the handler did not re-arm";
+  advance(3);
+  timer_run();
+  EXPECT_EQ(fired_, (std::vector<int>{2, 2}));
+  EXPECT_EQ(timer_next_timeout(), -1);
+}
+
+TEST_F(TimerTest, NullHandlesAreLoggedAndIgnored) {
+  LogCapture log;
   timer_cancel(nullptr);
+  timer_reschedule(5, nullptr);
+  EXPECT_TRUE(log.has("Canceling a null timer?\n"));
+  EXPECT_TRUE(log.has("Rescheduling a null timer?\n"));
 }
 
 }  // namespace
