@@ -18,6 +18,7 @@
 #include "event/timer.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
+#include "tests/foundation/test_util.h"
 
 namespace smtp_test {
 
@@ -78,11 +79,16 @@ class Sender {
   // A few poll passes, then whatever the proxy has written so far.
   std::string pump(int passes = 6) {
     for (int i = 0; i < passes; ++i) comm_run(0);
-    return drain();
+    return foundation_test::read_to_eof(peer_);
   }
   std::string cmd(const std::string& line) {
     send(line + "\r\n");
     return pump();
+  }
+  // EHLO, then MAIL FROM; the reply to MAIL.
+  std::string mail_from(const std::string& sender = "<a@example.com>") {
+    cmd("EHLO client.test");
+    return cmd("MAIL FROM:" + sender);
   }
   // True once the proxy has closed its end (after everything it wrote).
   bool peer_sees_eof() {
@@ -91,13 +97,6 @@ class Sender {
   }
 
  private:
-  std::string drain() {
-    std::string out;
-    char buf[4096];
-    for (ssize_t n; (n = read(peer_, buf, sizeof buf)) > 0;) out.append(buf, n);
-    return out;
-  }
-
   int peer_ = -1;
   Connection* conn_ = nullptr;
   std::string greeting_;
