@@ -18,288 +18,181 @@ std::string str(const DynString* b) {
 }
 
 // A connected socket pair; the stream reads the non-blocking end `mine`, the
-// test plays the peer on `peer`.
-class SocketPair : public ::testing::Test {
- protected:
-  void SetUp() override {
+// test plays the peer.
+struct Wire {
+  explicit Wire(int chunk) {
     int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     mine = sv[0];
     peer = sv[1];
-    ASSERT_EQ(fcntl(mine, F_SETFL, fcntl(mine, F_GETFL) | O_NONBLOCK), 0);
+    EXPECT_EQ(fcntl(mine, F_SETFL, fcntl(mine, F_GETFL) | O_NONBLOCK), 0);
+    stream.reset(lstream_open(mine, read, chunk));
   }
-  void TearDown() override {
-    if (mine >= 0) close(mine);
+  ~Wire() {
+    stream.reset();
+    close(mine);
     if (peer >= 0) close(peer);
   }
-  void send_text(const std::string& s) {
+  void send(const std::string& s) {
     ASSERT_EQ(write(peer, s.data(), s.size()), static_cast<ssize_t>(s.size()));
   }
   void close_peer() {
     close(peer);
     peer = -1;
   }
-  LstreamPtr open(int chunk) { return LstreamPtr(lstream_open(mine, read, chunk)); }
+  std::string buffered() const { return str(stream->buffer); }
 
   int mine = -1;
   int peer = -1;
+  LstreamPtr stream;
 };
 
-TEST_F(SocketPair, OpenSetsFieldsAndBufferOfChunkSize) {
-  LstreamPtr s = open(2000);
-  ASSERT_NE(s, nullptr);
-  EXPECT_EQ(s->fd, mine);
-  EXPECT_EQ(s->chunk_size, 2000);
-  ASSERT_NE(s->buffer, nullptr);
-  EXPECT_EQ(s->buffer->length, 0);
-  EXPECT_EQ(s->buffer->capacity, 2000);
-}
-
-TEST_F(SocketPair, HeloLineThenRestStaysBufferedOnEagain) {
-  LstreamPtr s = open(2000);
-  DstrPtr line(dstr_new(4000));
-  send_text("HELO a\r\nMAIL");
-
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_EQ(str(line.get()), "HELO a\r\n");
-  EXPECT_EQ(str(s->buffer), "MAIL");
-
-  dstr_delete(line.get(), 0, line->length);
+// The next line from s, or "<errno text>" when there is none; a failed call
+// must leave the line as it was.
+std::string next_line(LineStream* s, char terminator = '\n', int limit = 2000) {
+  DstrPtr line(dstr_new(8));
   errno = 0;
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), -1);
-  EXPECT_EQ(errno, EAGAIN);
+  if (lstream_readline(line.get(), s, terminator, limit) == 0) return str(line.get());
+  std::string error = std::string("<") + strerror(errno) + ">";
   EXPECT_EQ(line->length, 0);
   EXPECT_EQ(line->data[0], 0);
-  EXPECT_EQ(str(s->buffer), "MAIL");
-
-  send_text(" FROM:<a@example.org>\r\n");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_EQ(str(line.get()), "MAIL FROM:<a@example.org>\r\n");
-  EXPECT_EQ(s->buffer->length, 0);
+  return error;
 }
 
-TEST_F(SocketPair, PartialLineReadFromSocketGoesBackToBuffer) {
-  LstreamPtr s = open(2000);
+const std::string AGAIN = std::string("<") + strerror(EAGAIN) + ">";
+
+TEST(Lstream, PartialLineStaysBufferedUntilItsEnd) {
+  Wire w(2000);
+  w.send("HELO a\r\nMAIL");
+  EXPECT_EQ(next_line(w.stream.get()), "HELO a\r\n");
+  EXPECT_EQ(w.buffered(), "MAIL");
+  EXPECT_EQ(next_line(w.stream.get()), AGAIN);
+  EXPECT_EQ(w.buffered(), "MAIL");
+  w.send(" FROM:<a@example.org>\r\n");
+  EXPECT_EQ(next_line(w.stream.get()), "MAIL FROM:<a@example.org>\r\n");
+  EXPECT_EQ(w.buffered(), "");
+
+  // What was in the line before the call stays; what it gained is given back.
   DstrPtr line(dstr_from_cstr("kept:"));
-  send_text("MAI");
+  w.send("MAI");
   errno = 0;
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), -1);
+  EXPECT_EQ(lstream_readline(line.get(), w.stream.get(), '\n', 2000), -1);
   EXPECT_EQ(errno, EAGAIN);
-  // What was in line before the call stays; what it gained is given back.
   EXPECT_EQ(str(line.get()), "kept:");
   EXPECT_EQ(line->data[line->length], 0);
-  EXPECT_EQ(str(s->buffer), "MAI");
-
-  send_text("L\r\n");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
+  EXPECT_EQ(w.buffered(), "MAI");
+  w.send("L\r\n");
+  ASSERT_EQ(lstream_readline(line.get(), w.stream.get(), '\n', 2000), 0);
   EXPECT_EQ(str(line.get()), "kept:MAIL\r\n");
 }
 
-TEST_F(SocketPair, LineArrivingByteByByteLosesNothing) {
-  LstreamPtr s = open(16);
-  DstrPtr line(dstr_new(100));
+TEST(Lstream, LineArrivingByteByByteLosesNothing) {
+  Wire w(16);
   const std::string text = "RCPT TO:<someone@example.org>\r\n";
   for (size_t i = 0; i + 1 < text.size(); i++) {
-    send_text(text.substr(i, 1));
-    errno = 0;
-    ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), -1) << i;
-    ASSERT_EQ(errno, EAGAIN);
-    ASSERT_EQ(line->length, 0);
-    ASSERT_EQ(str(s->buffer), text.substr(0, i + 1));
+    w.send(text.substr(i, 1));
+    ASSERT_EQ(next_line(w.stream.get()), AGAIN) << i;
+    ASSERT_EQ(w.buffered(), text.substr(0, i + 1));
   }
-  send_text("\n");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_EQ(str(line.get()), text);
+  w.send("\n");
+  EXPECT_EQ(next_line(w.stream.get()), text);
 }
 
-TEST_F(SocketPair, PendingBytesLongerThanChunkGoBackWhole) {
+TEST(Lstream, PendingBytesLongerThanChunkGoBackWhole) {
   // Three reads of a 4-byte chunk before EAGAIN: 10 bytes go back, more than
   // the buffer was made for.
-  LstreamPtr s = open(4);
-  DstrPtr line(dstr_new(8));
-  send_text("abcdefghij");
-  errno = 0;
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_EQ(line->length, 0);
-  EXPECT_EQ(str(s->buffer), "abcdefghij");
-  send_text("kl\nmn");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), 0);
-  EXPECT_EQ(str(line.get()), "abcdefghijkl\n");
+  Wire w(4);
+  w.send("abcdefghij");
+  EXPECT_EQ(next_line(w.stream.get(), '\n', 100), AGAIN);
+  EXPECT_EQ(w.buffered(), "abcdefghij");
+  w.send("kl\nmn");
+  EXPECT_EQ(next_line(w.stream.get(), '\n', 100), "abcdefghijkl\n");
   // One chunk of 4 brought "kl\nm": only "m" is buffered, "n" is still unread.
-  EXPECT_EQ(str(s->buffer), "m");
-  dstr_delete(line.get(), 0, line->length);
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), -1);
-  EXPECT_EQ(str(s->buffer), "mn");
+  EXPECT_EQ(w.buffered(), "m");
+  EXPECT_EQ(next_line(w.stream.get(), '\n', 100), AGAIN);
+  EXPECT_EQ(w.buffered(), "mn");
 }
 
-TEST_F(SocketPair, SeveralLinesInOneReadComeOutOneByOne) {
-  LstreamPtr s = open(2000);
-  DstrPtr line(dstr_new(100));
-  send_text("one\ntwo\n\nthree\n");
-  const char* want[] = {"one\n", "two\n", "\n", "three\n"};
-  for (const char* w : want) {
-    dstr_delete(line.get(), 0, line->length);
-    ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-    EXPECT_EQ(str(line.get()), w);
+TEST(Lstream, SeveralLinesInOneReadComeOutOneByOne) {
+  Wire w(64);
+  w.send("one\ntwo\n\nthree\na\nb;c");
+  for (const char* want : {"one\n", "two\n", "\n", "three\n"}) {
+    EXPECT_EQ(next_line(w.stream.get()), want);
   }
-  dstr_delete(line.get(), 0, line->length);
-  errno = 0;
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_EQ(line->length, 0);
+  EXPECT_EQ(next_line(w.stream.get(), ';'), "a\nb;");
+  EXPECT_EQ(w.buffered(), "c");
+  EXPECT_EQ(next_line(w.stream.get()), AGAIN);
 }
 
-TEST_F(SocketPair, OtherTerminator) {
-  LstreamPtr s = open(64);
-  DstrPtr line(dstr_new(100));
-  send_text("a\nb;c");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), ';', 100), 0);
-  EXPECT_EQ(str(line.get()), "a\nb;");
-  EXPECT_EQ(str(s->buffer), "c");
-}
-
-TEST_F(SocketPair, LongRunWithoutNewlineIsCutAtLimit) {
-  LstreamPtr s = open(2000);
-  DstrPtr line(dstr_new(4000));
-  send_text(std::string(5000, 'x'));
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_GE(line->length, 2000);
-  EXPECT_LT(line->length, 2000 + 2000);
-  EXPECT_EQ(str(line.get()).find('\n'), std::string::npos);
-  EXPECT_EQ(line->data[line->length], 0);
-  EXPECT_EQ(s->buffer->length, 0);
-
-  // The rest is still readable: nothing was dropped.
-  int total = line->length;
-  for (;;) {
-    dstr_delete(line.get(), 0, line->length);
-    int r = lstream_readline(line.get(), s.get(), '\n', 2000);
-    if (r != 0) break;
-    total += line->length;
+TEST(Lstream, LongRunIsCutAtLimitOverByLessThanAChunkAndNothingIsLost) {
+  struct {
+    int chunk, limit, sent;
+  } cases[] = {{2000, 2000, 5000}, {10, 25, 100}};
+  for (const auto& c : cases) {
+    Wire w(c.chunk);
+    w.send(std::string(c.sent, 'x'));
+    std::string first = next_line(w.stream.get(), '\n', c.limit);
+    EXPECT_GE(first.size(), static_cast<size_t>(c.limit)) << c.chunk;
+    EXPECT_LE(first.size(), static_cast<size_t>(c.limit + c.chunk - 1)) << c.chunk;
+    EXPECT_EQ(first, std::string(first.size(), 'x'));
+    EXPECT_EQ(w.buffered(), "") << c.chunk;
+    size_t total = first.size();
+    for (std::string s; (s = next_line(w.stream.get(), '\n', c.limit)) != AGAIN;) total += s.size();
+    EXPECT_EQ(total + w.buffered().size(), static_cast<size_t>(c.sent)) << c.chunk;
   }
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_EQ(total + s->buffer->length, 5000);
 }
 
-TEST_F(SocketPair, LimitMayBeExceededByLessThanAChunk) {
-  LstreamPtr s = open(10);
-  DstrPtr line(dstr_new(8));
-  send_text(std::string(100, 'y'));
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 25), 0);
-  EXPECT_GE(line->length, 25);
-  EXPECT_LE(line->length, 25 + 10 - 1);
-}
-
-TEST_F(SocketPair, PeerClosesWithEmptyBufferLineUnchanged) {
-  LstreamPtr s = open(2000);
+TEST(Lstream, PartialLineIsDeliveredAtEofThenNothing) {
+  Wire w(2000);
+  w.send("QU");
+  EXPECT_EQ(next_line(w.stream.get()), AGAIN);
+  w.send("IT");
+  w.close_peer();
+  EXPECT_EQ(next_line(w.stream.get()), "QUIT");
+  EXPECT_EQ(w.buffered(), "");
   DstrPtr line(dstr_from_cstr("before"));
-  close_peer();
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
+  EXPECT_EQ(lstream_readline(line.get(), w.stream.get(), '\n', 2000), 0);
+  EXPECT_EQ(str(line.get()), "before");
+  EXPECT_EQ(lstream_read(line.get(), w.stream.get(), 10), 0);
   EXPECT_EQ(str(line.get()), "before");
 }
 
-TEST_F(SocketPair, QuitWithoutLineEndThenCloseGivesQuit) {
-  LstreamPtr s = open(2000);
-  DstrPtr line(dstr_new(100));
-  send_text("QUIT");
-  close_peer();
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_EQ(str(line.get()), "QUIT");
-  EXPECT_EQ(s->buffer->length, 0);
-  dstr_delete(line.get(), 0, line->length);
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_EQ(line->length, 0);
-}
-
-TEST_F(SocketPair, BufferedPartialLineDeliveredAtEof) {
-  LstreamPtr s = open(2000);
-  DstrPtr line(dstr_new(100));
-  send_text("QU");
-  errno = 0;
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), -1);
-  ASSERT_EQ(errno, EAGAIN);
-  send_text("IT");
-  close_peer();
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_EQ(str(line.get()), "QUIT");
-}
-
-TEST_F(SocketPair, ReadTakesBufferedBytesFirstThenReadsTheRest) {
-  LstreamPtr s = open(2000);
-  DstrPtr line(dstr_new(100));
-  send_text("x\nABCD");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  ASSERT_EQ(str(s->buffer), "ABCD");
-  send_text("0123456789");
-
-  DstrPtr out(dstr_from_cstr(">"));
-  ASSERT_EQ(lstream_read(out.get(), s.get(), 10), 0);
-  EXPECT_EQ(str(out.get()), ">ABCD012345");
-  EXPECT_EQ(out->data[out->length], 0);
-  EXPECT_EQ(s->buffer->length, 0);
-  // At most 6 were read: the peer's last 4 bytes are still in the socket.
-  char rest[16];
-  EXPECT_EQ(read(mine, rest, sizeof(rest)), 4);
-  EXPECT_EQ(std::string(rest, 4), "6789");
-}
-
-TEST_F(SocketPair, ReadWithEnoughBufferedDoesNotTouchTheSocket) {
-  LstreamPtr s = open(2000);
-  DstrPtr line(dstr_new(100));
-  send_text("x\nABCD");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  send_text("zz");
-  DstrPtr out(dstr_new(1));
-  ASSERT_EQ(lstream_read(out.get(), s.get(), 2), 0);
-  EXPECT_EQ(str(out.get()), "AB");
-  EXPECT_EQ(str(s->buffer), "CD");
-  ASSERT_EQ(lstream_read(out.get(), s.get(), 2), 0);
-  EXPECT_EQ(str(out.get()), "ABCD");
-  EXPECT_EQ(s->buffer->length, 0);
-  char rest[4];
-  EXPECT_EQ(read(mine, rest, sizeof(rest)), 2);
-}
-
-TEST_F(SocketPair, ReadOnEmptySocketFailsButBufferedBytesCount) {
-  LstreamPtr s = open(2000);
+TEST(Lstream, ReadOnEmptySocketFailsButBufferedBytesCount) {
+  Wire w(2000);
   DstrPtr out(dstr_new(1));
   errno = 0;
-  EXPECT_EQ(lstream_read(out.get(), s.get(), 10), -1);
+  EXPECT_EQ(lstream_read(out.get(), w.stream.get(), 10), -1);
   EXPECT_EQ(errno, EAGAIN);
   EXPECT_EQ(out->length, 0);
-
-  DstrPtr line(dstr_new(100));
-  send_text("x\nAB");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 2000), 0);
-  EXPECT_EQ(lstream_read(out.get(), s.get(), 10), 0);
+  w.send("x\nAB");
+  ASSERT_EQ(next_line(w.stream.get()), "x\n");
+  EXPECT_EQ(lstream_read(out.get(), w.stream.get(), 10), 0);
   EXPECT_EQ(str(out.get()), "AB");
 }
 
-TEST_F(SocketPair, ReadAtEofAddsNothing) {
-  LstreamPtr s = open(2000);
-  DstrPtr out(dstr_from_cstr("q"));
-  close_peer();
-  EXPECT_EQ(lstream_read(out.get(), s.get(), 10), 0);
-  EXPECT_EQ(str(out.get()), "q");
-}
-
-TEST_F(SocketPair, CloseHandsBackBufferedBytesAndTheFd) {
-  LineStream* s = lstream_open(mine, read, 2000);
-  ASSERT_NE(s, nullptr);
-  DstrPtr line(dstr_new(100));
-  send_text("a\nrest of it");
-  ASSERT_EQ(lstream_readline(line.get(), s, '\n', 2000), 0);
+TEST(Lstream, CloseHandsBackBufferedBytesAndTheFd) {
+  Wire w(2000);
+  w.send("a\nrest of it");
+  ASSERT_EQ(next_line(w.stream.get()), "a\n");
   DstrPtr rest(dstr_from_cstr("<"));
-  EXPECT_EQ(lstream_close(rest.get(), s), mine);
+  EXPECT_EQ(lstream_close(rest.get(), w.stream.release()), w.mine);
   EXPECT_EQ(str(rest.get()), "<rest of it");
   // The descriptor is still open: the caller owns it.
-  EXPECT_EQ(fcntl(mine, F_GETFD), 0);
+  EXPECT_EQ(fcntl(w.mine, F_GETFD), 0);
   EXPECT_EQ(lstream_close(nullptr, nullptr), -1);
 }
 
-// A read function that plays a script of pieces and errors, for failures a
-// socket does not produce on demand.
+TEST(Lstream, NullArgumentsFail) {
+  LstreamPtr s(lstream_open(0, read, 10));
+  DstrPtr line(dstr_new(10));
+  EXPECT_EQ(lstream_readline(nullptr, s.get(), '\n', 10), -1);
+  EXPECT_EQ(lstream_readline(line.get(), nullptr, '\n', 10), -1);
+  EXPECT_EQ(lstream_read(nullptr, s.get(), 10), -1);
+  EXPECT_EQ(lstream_read(line.get(), nullptr, 10), -1);
+}
+
+// A read function that plays a script of pieces and errors, for failures and
+// call counts a socket does not show.
 struct Step {
   std::string data;
   int error;  // when non-zero: fail with this errno
@@ -325,82 +218,58 @@ ssize_t scripted_read(int, void* buffer, size_t size) {
 
 class Scripted : public ::testing::Test {
  protected:
-  void SetUp() override {
-    script.clear();
+  LstreamPtr open(std::deque<Step> steps, int chunk) {
+    script = std::move(steps);
     reads_made = 0;
+    return LstreamPtr(lstream_open(7, scripted_read, chunk));
   }
 };
 
-TEST_F(Scripted, HardErrorAfterPartialLineKeepsTheBytes) {
-  LstreamPtr s(lstream_open(7, scripted_read, 8));
-  DstrPtr line(dstr_new(4));
-  script = {{"abc", 0}, {"defgh", 0}, {"", EBADF}, {"ij\n", 0}};
-  errno = 0;
-  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), -1);
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_EQ(line->length, 0);
-  EXPECT_EQ(str(s->buffer), "abcdefgh");
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), 0);
-  EXPECT_EQ(str(line.get()), "abcdefghij\n");
-}
-
-TEST_F(Scripted, ErrorWithNothingGainedLeavesEverything) {
-  LstreamPtr s(lstream_open(7, scripted_read, 8));
+TEST_F(Scripted, ErrorKeepsTheBytesGainedAndTheLineAsItWas) {
+  LstreamPtr s = open({{"", EINTR}, {"abc", 0}, {"defgh", 0}, {"", EBADF}, {"ij\n", 0}}, 8);
   DstrPtr line(dstr_from_cstr("L0"));
-  script = {{"", EINTR}};
   errno = 0;
   EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), -1);
   EXPECT_EQ(errno, EINTR);
-  EXPECT_EQ(str(line.get()), "L0");
   EXPECT_EQ(s->buffer->length, 0);
+  EXPECT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), -1);
+  EXPECT_EQ(errno, EBADF);
+  EXPECT_EQ(str(line.get()), "L0");
+  EXPECT_EQ(str(s->buffer), "abcdefgh");
+  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), 0);
+  EXPECT_EQ(str(line.get()), "L0abcdefghij\n");
 }
 
 TEST_F(Scripted, LineInBufferNeedsNoRead) {
-  LstreamPtr s(lstream_open(7, scripted_read, 64));
-  DstrPtr line(dstr_new(4));
-  script = {{"first\nsecond\n", 0}};
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 3), 0);
-  EXPECT_EQ(str(line.get()), "first\n");
+  LstreamPtr s = open({{"first\nsecond\n", 0}}, 64);
+  EXPECT_EQ(next_line(s.get(), '\n', 3), "first\n");
   EXPECT_EQ(reads_made, 1);
-  dstr_delete(line.get(), 0, line->length);
   // Found in the buffer, the line is whole even though it exceeds the limit.
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 3), 0);
-  EXPECT_EQ(str(line.get()), "second\n");
+  EXPECT_EQ(next_line(s.get(), '\n', 3), "second\n");
   EXPECT_EQ(reads_made, 1);
 }
 
-TEST_F(Scripted, ReadOfNMakesOneCallForTheRemainder) {
-  LstreamPtr s(lstream_open(7, scripted_read, 64));
-  DstrPtr line(dstr_new(4));
-  script = {{"x\nABCD", 0}, {"0123456789", 0}};
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), 0);
-  ASSERT_EQ(reads_made, 1);
-  DstrPtr out(dstr_new(1));
+TEST_F(Scripted, ReadTakesBufferedBytesFirstThenMakesAtMostOneCall) {
+  LstreamPtr s = open({{"x\nABCD", 0}, {"0123456789", 0}}, 64);
+  ASSERT_EQ(next_line(s.get()), "x\n");
+  DstrPtr out(dstr_from_cstr(">"));
   ASSERT_EQ(lstream_read(out.get(), s.get(), 10), 0);
+  EXPECT_EQ(str(out.get()), ">ABCD012345");
+  EXPECT_EQ(out->data[out->length], 0);
+  EXPECT_EQ(s->buffer->length, 0);
   EXPECT_EQ(reads_made, 2);
-  EXPECT_EQ(str(out.get()), "ABCD012345");
   ASSERT_EQ(script.size(), 1u);
   EXPECT_EQ(script.front().data, "6789");
-}
 
-TEST_F(Scripted, ReadOfExactlyTheBufferedCountMakesNoCall) {
-  LstreamPtr s(lstream_open(7, scripted_read, 64));
-  DstrPtr line(dstr_new(4));
-  script = {{"x\nABCD", 0}, {"more", 0}};
-  ASSERT_EQ(lstream_readline(line.get(), s.get(), '\n', 100), 0);
-  DstrPtr out(dstr_new(1));
-  ASSERT_EQ(lstream_read(out.get(), s.get(), 4), 0);
+  // Enough buffered, or exactly enough: no call at all.
+  s = open({{"x\nABCD", 0}, {"more", 0}}, 64);
+  ASSERT_EQ(next_line(s.get()), "x\n");
+  out.reset(dstr_new(1));
+  ASSERT_EQ(lstream_read(out.get(), s.get(), 2), 0);
+  EXPECT_EQ(str(s->buffer), "CD");
+  ASSERT_EQ(lstream_read(out.get(), s.get(), 2), 0);
   EXPECT_EQ(str(out.get()), "ABCD");
   EXPECT_EQ(reads_made, 1);
-}
-
-TEST(LstreamArguments, NullArgumentsFail) {
-  LstreamPtr s(lstream_open(0, read, 10));
-  DstrPtr line(dstr_new(10));
-  EXPECT_EQ(lstream_readline(nullptr, s.get(), '\n', 10), -1);
-  EXPECT_EQ(lstream_readline(line.get(), nullptr, '\n', 10), -1);
-  EXPECT_EQ(lstream_read(nullptr, s.get(), 10), -1);
-  EXPECT_EQ(lstream_read(line.get(), nullptr, 10), -1);
 }
 
 }  // namespace
