@@ -18,10 +18,11 @@ struct Parsed {
   std::string domain;
 };
 
+// Outputs start stale: the parser must empty them first.
 Parsed parse(const std::string& line) {
   DstrPtr text(dstr_from_block(line.data(), static_cast<int>(line.size())));
-  DstrPtr domain(dstr_new(100));
-  DstrPtr address(dstr_new(100));
+  DstrPtr domain(dstr_from_cstr("stale.domain"));
+  DstrPtr address(dstr_from_cstr("stale@stale.domain"));
   int r = addr_parse(text.get(), domain.get(), address.get());
   return {r, std::string(address->data, address->length),
           std::string(domain->data, domain->length)};
@@ -68,16 +69,6 @@ TEST(AddrParse, FindsTheAddressWhereverItStands) {
     EXPECT_EQ(p.address, c.address) << c.label;
     EXPECT_EQ(p.domain, c.domain) << c.label;
   }
-}
-
-TEST(AddrParse, OutputsAreEmptiedBeforeEachParse) {
-  DstrPtr domain(dstr_from_cstr("stale.domain"));
-  DstrPtr address(dstr_from_cstr("stale@stale.domain"));
-  DstrPtr line(dstr_from_cstr("MAIL FROM:<nothing here>\r\n"));
-  EXPECT_EQ(addr_parse(line.get(), domain.get(), address.get()), 1);
-  EXPECT_EQ(domain->length, 0);
-  EXPECT_EQ(address->length, 0);
-  EXPECT_STREQ(address->data, "");
 }
 
 TEST(AddrParse, VeryLongHostileLinesAreBoundedAndCorrect) {
@@ -162,13 +153,11 @@ class RelayTest : public ::testing::Test {
   }
 };
 
-TEST_F(RelayTest, RelayControlOffLetsEverySenderRelay) {
+TEST_F(RelayTest, SenderIsMatchedAgainstNetworkAndMask) {
   config.relay_control = false;
   EXPECT_TRUE(relay_check(ip("203.0.113.9")));
-}
-
-TEST_F(RelayTest, SenderIsMatchedAgainstNetworkAndMask) {
   config.relay_control = true;
+  EXPECT_FALSE(relay_check(ip("127.0.0.1")));  // an empty list lets no one relay
   add_network("10.1.2.3", 32);
   add_network("192.168.1.0", 24);
   add_network("172.16.99.99", 12);  // stored unmasked: the mask applies to both sides
@@ -181,15 +170,6 @@ TEST_F(RelayTest, SenderIsMatchedAgainstNetworkAndMask) {
       {"172.32.0.1", false},  {"0.0.0.0", false},    {"255.255.255.255", false},
   };
   for (const auto& c : cases) EXPECT_EQ(relay_check(ip(c.sender)), c.may_relay) << c.sender;
-}
-
-TEST_F(RelayTest, EmptyRelayListDeniesWhenControlIsOn) {
-  config.relay_control = true;
-  EXPECT_FALSE(relay_check(ip("127.0.0.1")));
-}
-
-TEST_F(RelayTest, ZeroPrefixMatchesEveryone) {
-  config.relay_control = true;
   add_network("1.2.3.4", 0);
   EXPECT_TRUE(relay_check(ip("203.0.113.9")));
 }
