@@ -18,25 +18,14 @@ const std::string NEED_MAIL = "503 Need MAIL before RCPT\r\n";
 const std::string TOO_BIG = "552 Message size exceeds fixed maximum message size\r\n";
 const std::string DENIED = "550 relaying denied\r\n";
 
-struct Case {
-  const char* line;
-  std::string reply;
-  int errors;  // counted by this line
-};
-
-// Each case on a fresh connection that has said EHLO.
-void run_mail_cases(const Case* cases, size_t n) {
-  for (size_t i = 0; i < n; ++i) {
-    Sender s;
-    s.cmd("EHLO client.test");
-    EXPECT_EQ(s.cmd(cases[i].line), cases[i].reply) << cases[i].line;
-    EXPECT_EQ(s.conn()->errors, cases[i].errors) << cases[i].line;
-    close_connection(s.conn());
-  }
-}
-
+// Each line on a fresh connection that has said EHLO.
 TEST_F(SmtpTest, MailFromRepliesAndErrorCounts) {
-  const Case cases[] = {
+  const struct {
+    const char* line;
+    std::string reply;
+    int errors;  // counted by this line
+    bool allow_null_sender = true;
+  } cases[] = {
       {"MAIL FROM:<a@example.com>", OK, 0},
       {"MAIL FROM: a@example.com", OK, 0},
       {"mAiL fRoM:<A@Example.COM>", OK, 0},
@@ -53,24 +42,23 @@ TEST_F(SmtpTest, MailFromRepliesAndErrorCounts) {
       {"MAIL FROM:<a@example.com> size=99999999999", OK, 0},
       {"MAIL FROM:<a@example.com> SIZE=lots", OK, 0},
       {"MAIL FROM:<a@example.com> BODY=8BITMIME SIZE=  1000  ", OK, 0},
+      {"MAIL FROM:<>", "552 Null sender\r\n", 1, false},
+      {"MAIL FROM:  ", "552 Null sender\r\n", 1, false},
+      {"MAIL FROM:<a@example.com>", OK, 0, false},
   };
-  run_mail_cases(cases, std::size(cases));
-}
-
-TEST_F(SmtpTest, NullSenderRefusedWhenNotAllowed) {
-  config.allow_null_sender = false;
-  const Case cases[] = {
-      {"MAIL FROM:<>", "552 Null sender\r\n", 1},
-      {"MAIL FROM:  ", "552 Null sender\r\n", 1},
-      {"MAIL FROM:<a@example.com>", OK, 0},
-  };
-  run_mail_cases(cases, std::size(cases));
+  for (const auto& c : cases) {
+    config.allow_null_sender = c.allow_null_sender;
+    Sender s;
+    s.cmd("EHLO client.test");
+    EXPECT_EQ(s.cmd(c.line), c.reply) << c.line;
+    EXPECT_EQ(s.conn()->errors, c.errors) << c.line;
+    close_connection(s.conn());
+  }
 }
 
 TEST_F(SmtpTest, SizeIsRecordedAndResetByTheNextMail) {
   Sender s;
-  s.cmd("EHLO client.test");
-  EXPECT_EQ(s.cmd("MAIL FROM:<a@example.com> SIZE=1234"), OK);
+  EXPECT_EQ(s.mail_from("<a@example.com> SIZE=1234"), OK);
   EXPECT_EQ(s.conn()->declared_size, 1234);
   EXPECT_EQ(s.cmd("MAIL FROM:<a@example.com>"), OK);
   EXPECT_EQ(s.conn()->declared_size, 0);
@@ -87,14 +75,12 @@ TEST_F(SmtpTest, MailNeedsHeloFirst) {
 TEST_F(SmtpTest, RefusedMailLeavesNoSenderButMalformedKeepsTheOldOne) {
   for (const char* line : {"MAIL FROM:<nobody>", "MAIL FROM:<a@example.com> SIZE=20971521"}) {
     Sender s;
-    s.cmd("EHLO client.test");
-    s.cmd("MAIL FROM:<first@example.com>");
+    s.mail_from("<first@example.com>");
     EXPECT_NE(s.cmd(line), OK);
     EXPECT_EQ(s.cmd("RCPT TO:<b@example.com>"), NEED_MAIL) << line;
   }
   Sender s;
-  s.cmd("EHLO client.test");
-  s.cmd("MAIL FROM:<first@example.com>");
+  s.mail_from("<first@example.com>");
   EXPECT_EQ(s.cmd("MAIL FRUM:<b@example.com>"), "500 malformed mail from\r\n");
   EXPECT_EQ(s.cmd("RCPT TO:<b@example.com>"), OK);
 }
@@ -123,8 +109,7 @@ TEST_F(SmtpTest, RecipientLimitComesBeforeRelayControl) {
   local_domains.emplace_back(dstr_from_cstr("example.com"));
   Sender s("203.0.113.7");
   ASSERT_FALSE(s.conn()->can_relay);
-  s.cmd("EHLO client.test");
-  s.cmd("MAIL FROM:<a@example.com>");
+  s.mail_from();
   std::string batch;
   for (int i = 0; i < 3; ++i) batch += "RCPT TO:<r" + std::to_string(i) + "@example.com>\r\n";
   s.send(batch);
@@ -155,8 +140,7 @@ TEST_F(SmtpTest, RelayControlDecidesForeignRecipients) {
   };
   for (const auto& c : cases) {
     Sender s(c.sender);
-    s.cmd("EHLO client.test");
-    s.cmd("MAIL FROM:<a@example.com>");
+    s.mail_from();
     EXPECT_EQ(s.cmd(c.rcpt), c.reply) << c.sender << " " << c.rcpt;
     EXPECT_EQ(s.conn()->errors, c.reply == OK ? 0 : 1);
     close_connection(s.conn());
@@ -166,8 +150,7 @@ TEST_F(SmtpTest, RelayControlDecidesForeignRecipients) {
 TEST_F(SmtpTest, HeloRsetAndEhloDropTheEnvelope) {
   for (const char* reset : {"HELO client.test", "RSET", "EHLO"}) {
     Sender s;
-    s.cmd("EHLO client.test");
-    s.cmd("MAIL FROM:<a@example.com>");
+    s.mail_from();
     EXPECT_EQ(s.cmd("RCPT TO:<b@example.com>"), OK);
     s.cmd(reset);
     EXPECT_EQ(s.conn()->num_rcpts, 0) << reset;
@@ -177,8 +160,7 @@ TEST_F(SmtpTest, HeloRsetAndEhloDropTheEnvelope) {
 
 TEST_F(SmtpTest, DataIsRefusedTemporarilyAndNeverAccepted) {
   Sender s;
-  s.cmd("EHLO client.test");
-  s.cmd("MAIL FROM:<a@example.com>");
+  s.mail_from();
   s.cmd("RCPT TO:<b@example.com>");
   EXPECT_EQ(s.cmd("DATA"), "451 Internal Error\r\n");
   EXPECT_EQ(s.conn()->num_rcpts, 1);  // the sender may try again
@@ -187,8 +169,7 @@ TEST_F(SmtpTest, DataIsRefusedTemporarilyAndNeverAccepted) {
 
 TEST_F(SmtpTest, PendingTransactionRefusesEnvelopeCommandsOnly) {
   Sender s;
-  s.cmd("EHLO client.test");
-  s.cmd("MAIL FROM:<a@example.com>");
+  s.mail_from();
   s.cmd("RCPT TO:<b@example.com>");
   s.conn()->transaction_pending = true;
   const std::string pending = "501 Mail transaction pending\r\n";
