@@ -16,6 +16,8 @@
 
 namespace {
 
+using foundation_test::contains;
+using foundation_test::lacking;
 using foundation_test::slurp;
 using foundation_test::StderrCapture;
 using foundation_test::TempDir;
@@ -98,7 +100,7 @@ TEST_F(ListenerTest, RefusalAtTheLimitClosesSilentlyAndDumpsOnlyOnce) {
   }
   std::string dump = slurp(smtp_refusal_dump_file);
   EXPECT_EQ(dump.rfind("config: listen_addr ", 0), 0u) << dump;
-  EXPECT_NE(dump.find("    num_connections 5\n"), std::string::npos);
+  EXPECT_TRUE(contains(dump, "    num_connections 5\n")) << dump;
   unlink(smtp_refusal_dump_file);
 
   // Accepting is paused at the limit; closing one record arms it again.
@@ -110,9 +112,9 @@ TEST_F(ListenerTest, RefusalAtTheLimitClosesSilentlyAndDumpsOnlyOnce) {
   // Without NAT redirection the original destination is unknown, so the
   // admitted connection is closed at once, also without a reply.
   EXPECT_EQ(again.read_to_eof(), "");
-  std::string text = log.finish();
-  EXPECT_NE(text.find("New connection refused: max connections(5) reached\n"), std::string::npos);
-  EXPECT_NE(text.find("getsockopt failed: "), std::string::npos);
+  EXPECT_EQ(lacking(log.finish(), {"New connection refused: max connections(5) reached\n",
+                                   "getsockopt failed: "}),
+            "");
 
   config.max_connections = 3;  // four are open: refused again, but no second dump
   LoopbackClient third(port());
@@ -150,44 +152,35 @@ TEST_F(ListenerTest, IdleTimerFollowsTheSetting) {
   EXPECT_TRUE(s.conn()->closed);
   EXPECT_EQ(s.conn()->idle_timer, nullptr);
   EXPECT_TRUE(s.peer_sees_eof());
-  EXPECT_NE(log.finish().find("Idle timeout. Closing connection. sender=192.0.2.10(40000), "
-                              "receiver=198.51.100.25(25)\n"),
-            std::string::npos);
+  EXPECT_TRUE(contains(log.finish(),
+                       "Idle timeout. Closing connection. sender=192.0.2.10(40000), "
+                       "receiver=198.51.100.25(25)\n"));
   idle_timeout_handler(s.conn());  // a closed record is left alone
 }
 
 TEST_F(ListenerTest, DumpShowsEveryActiveAndClosedRecord) {
   Sender s;
-  s.cmd("EHLO client.test");
-  s.cmd("MAIL FROM:<a@example.com>");
+  s.mail_from();
   s.cmd("RCPT TO:<b@example.com>");
   s.cmd("RCPT TO:<c@example.com>");
   Sender gone;
   close_connection(gone.conn());
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* out = open_memstream(&text, &size);
-  dump_connections(out);
-  fclose(out);
-  std::string dump(text, size);
-  free(text);
-  for (const char* expected : {
-           "   idle_timeout 300  max_connections 2500\n",
-           "   max_mag_size 20971520 max_rcpt 200 max_errors 5\n",
-           "    num_connections 1\n",
-           "sender_addr 192.0.2.10 receiver_addr 198.51.100.25 my_receiver_addr 0.0.0.0 "
-           "my_sender_addr 198.51.100.1\n",
-           "num rcpts 2: c@example.com b@example.com \n",
-           "helo domain: client.test from a@example.com\n",
-           "scan_file_name (nil)\n",
-           "be_state 0 can_relay 1 be_pipelining 0 newline 0 closed 0\n",
-           "errors 0 \n",
-       })
-    EXPECT_NE(dump.find(expected), std::string::npos) << expected << "\nin:\n" << dump;
+  std::string dump = foundation_test::written(dump_connections);
   char freed[64];
   snprintf(freed, sizeof freed, "freed connection pc %p closed 1\n",
            static_cast<void*>(gone.conn()));
-  EXPECT_NE(dump.find(freed), std::string::npos) << dump;
+  EXPECT_EQ(
+      lacking(
+          dump,
+          {"   idle_timeout 300  max_connections 2500\n",
+           "   max_mag_size 20971520 max_rcpt 200 max_errors 5\n", "    num_connections 1\n",
+           "sender_addr 192.0.2.10 receiver_addr 198.51.100.25 my_receiver_addr "
+           "0.0.0.0 my_sender_addr 198.51.100.1\n",
+           "num rcpts 2: c@example.com b@example.com \n",
+           "helo domain: client.test from a@example.com\n", "scan_file_name (nil)\n",
+           "be_state 0 can_relay 1 be_pipelining 0 newline 0 closed 0\n", "errors 0 \n", freed}),
+      "")
+      << dump;
 }
 
 }  // namespace
