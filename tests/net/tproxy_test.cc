@@ -29,18 +29,16 @@ sockaddr_in make_addr(const char* dotted, int port) {
 }
 
 TEST(Layer2, FlagFileTurnsLayer2ModeOn) {
-  char name[] = "/tmp/tproxy_bridge.XXXXXX";
-  int fd = mkstemp(name);
-  ASSERT_GE(fd, 0);
-  close(fd);
+  foundation_test::TempDir dir;
+  std::string name = dir.write("bridge", "");
   layer2_mode = false;
   int rc = 0;
-  EXPECT_EQ(logged([&] { rc = detect_layer2(name); }), "The proxy is running in Layer 2 mode\n");
+  EXPECT_EQ(logged([&] { rc = detect_layer2(name.c_str()); }),
+            "The proxy is running in Layer 2 mode\n");
   EXPECT_EQ(rc, 1);
   EXPECT_TRUE(layer2_mode);
-  unlink(name);
   layer2_mode = false;
-  EXPECT_EQ(logged([&] { rc = detect_layer2(name); }), "");
+  EXPECT_EQ(logged([&] { rc = detect_layer2(dir.file("none").c_str()); }), "");
   EXPECT_EQ(rc, 0);
   EXPECT_FALSE(layer2_mode);
 }
@@ -97,7 +95,7 @@ class TproxyRecordTest : public ::testing::Test {
   sockaddr_in result_ = make_addr("1.2.3.4", 5);
 };
 
-TEST_F(TproxyRecordTest, CtlSetSendsTheRecordLayout) {
+TEST_F(TproxyRecordTest, CtlSetAndGetUseTheRecordLayout) {
   ASSERT_EQ(tproxy_ctl_set(3, 17, &src_, &dst_, &local_), 0);
   EXPECT_EQ(fake.level, SOL_IP);
   EXPECT_EQ(fake.optname, 200);
@@ -112,6 +110,15 @@ TEST_F(TproxyRecordTest, CtlSetSendsTheRecordLayout) {
   EXPECT_EQ(fd, 17);
   EXPECT_EQ(op, 0);
   for (int i = 52; i < 68; i++) EXPECT_EQ(bytes[i], 0) << i;
+
+  sockaddr_in out{};
+  fake.local = make_addr("192.0.2.77", 0);
+  ASSERT_EQ(tproxy_ctl_get(3, &src_, &dst_, &out), 0);
+  EXPECT_EQ(fake.optname, TPROXY_OXB_AT_GET);
+  EXPECT_EQ(fake.len, 72u);
+  EXPECT_EQ(memcmp(&fake.seen.src, &src_, 16), 0);
+  EXPECT_EQ(memcmp(&fake.seen.dst, &dst_, 16), 0);
+  EXPECT_EQ(out.sin_addr.s_addr, inet_addr("192.0.2.77"));
 }
 
 TEST_F(TproxyRecordTest, EachOperationSendsItsCodeAndNamesItsRefusal) {
@@ -153,17 +160,6 @@ TEST_F(TproxyRecordTest, LookupCopiesResultOnlyWhenKernelFoundAnEntry) {
   EXPECT_EQ(memcmp(&result_, &fake.result, sizeof result_), 0);
 }
 
-TEST_F(TproxyRecordTest, CtlGetReadsTheLocalAddress) {
-  sockaddr_in out{};
-  fake.local = make_addr("192.0.2.77", 0);
-  ASSERT_EQ(tproxy_ctl_get(3, &src_, &dst_, &out), 0);
-  EXPECT_EQ(fake.optname, TPROXY_OXB_AT_GET);
-  EXPECT_EQ(fake.len, 72u);
-  EXPECT_EQ(memcmp(&fake.seen.src, &src_, 16), 0);
-  EXPECT_EQ(memcmp(&fake.seen.dst, &dst_, 16), 0);
-  EXPECT_EQ(out.sin_addr.s_addr, inet_addr("192.0.2.77"));
-}
-
 TEST(TproxyKernel, StockKernelRefusesTheAssociation) {
   int sock = socket(AF_INET, SOCK_STREAM, 0);
   ASSERT_GE(sock, 0);
@@ -179,13 +175,6 @@ TEST(TproxyKernel, StockKernelRefusesTheAssociation) {
   EXPECT_EQ(log.rfind("TPROXY_OXB_AT CTL error: ", 0), 0u) << log;
 }
 
-const std::vector<std::string> ONE_BROADCAST_INTERFACE = {
-    "ip link set lo up",
-    "ip link add v0 type veth peer name v1",
-    "ip addr add 192.0.2.10/24 brd + dev v0",
-    "ip link set v0 up",
-};
-
 // "<result> <address>:<port> <log>" of one bind_local call.
 std::string bind_in_netns(const char* dotted, int port) {
   int sock = socket(AF_INET, SOCK_STREAM, 0);
@@ -197,28 +186,22 @@ std::string bind_in_netns(const char* dotted, int port) {
          std::to_string(ntohs(a.sin_port)) + " " + log;
 }
 
-TEST(BindLocal, AnyAddressTakesFirstBroadcastInterface) {
-  std::string out =
-      in_netns(ONE_BROADCAST_INTERFACE, [] { return bind_in_netns("0.0.0.0", 2525); });
-  if (out == SKIP) GTEST_SKIP() << out;
-  EXPECT_EQ(out, "0 192.0.2.10:2525 ");
-}
-
 TEST(BindLocal, OnlyLoopbackFindsNoLocalAddress) {
   std::string out = in_netns({"ip link set lo up"}, [] { return bind_in_netns("0.0.0.0", 2525); });
   if (out == SKIP) GTEST_SKIP() << out;
   EXPECT_EQ(out, "-1 0.0.0.0:2525 Couldn't find a local addr.\n");
 }
 
-TEST(BindLocal, FailedBindReturnsErrnoAndReloadsRoutes) {
-  std::string out = in_netns(ONE_BROADCAST_INTERFACE, [] {
+TEST(BindLocal, AnyAddressTakesFirstBroadcastInterfaceAndFailedBindReloadsRoutes) {
+  std::string out = in_netns(net_test::LO_ALIAS_AND_VETH, [] {
     timer_init();
     dlog_set_level(0, 5);
-    std::string s = bind_in_netns("192.0.2.99", 2525);
-    return s + std::to_string(routes_table().entries.size());
+    std::string any = bind_in_netns("0.0.0.0", 2525);
+    std::string bad = bind_in_netns("192.0.2.99", 2525);
+    return any + "| " + bad + std::to_string(routes_table().entries.size());
   });
   if (out == SKIP) GTEST_SKIP() << out;
-  EXPECT_EQ(out, std::to_string(EADDRNOTAVAIL) +
+  EXPECT_EQ(out, "0 192.0.2.10:2525 | " + std::to_string(EADDRNOTAVAIL) +
                      " 192.0.2.99:2525 Unable to bind to address 192.0.2.99, port 2525. "
                      "Cannot assign requested address\n1");
 }
