@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "event_test_support.h"
+#include "tests/foundation/test_util.h"
 
 namespace {
 
@@ -210,13 +211,7 @@ TEST_F(CommTest, DumpShowsListsHandlersAndTheLastPollSet) {
   comm_read(y, record_read, nullptr);
   comm_add_fd(y, COMM_WRITE, record_write, nullptr);
   comm_set_current_polls();
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* f = open_memstream(&text, &size);
-  comm_dump(f);
-  fclose(f);
-  std::string dump(text, size);
-  free(text);
+  std::string dump = foundation_test::written(comm_dump);
   char expect[512];
   auto h = [](IoHandler fn) { return reinterpret_cast<void*>(fn); };
   snprintf(expect, sizeof(expect),

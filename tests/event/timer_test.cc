@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "event_test_support.h"
+#include "tests/foundation/test_util.h"
 
 namespace {
 
@@ -19,13 +20,7 @@ void* tag(int t) {
 // Reads the heap back through timer_dump: each line's index must be its
 // location and no timer may expire before its parent.
 testing::AssertionResult heap_is_ordered() {
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* f = open_memstream(&text, &size);
-  timer_dump(f);
-  fclose(f);
-  std::string dump(text, size);
-  free(text);
+  std::string dump = foundation_test::written(timer_dump);
   std::vector<long> expiry;
   for (size_t at = dump.find("location "); at != std::string::npos;
        at = dump.find("location ", at + 1)) {
