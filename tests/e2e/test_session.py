@@ -12,6 +12,15 @@ EHLO_501 = b"501 EHLO requires a domain address\r\n"
 UNKNOWN = b"500 Unknown command\r\n"
 
 
+class ConnectedTestCase(vb.BedTestCase):
+    """A daemon on default settings and one greeted client, self.c."""
+
+    def setUp(self):
+        super().setUp()
+        self.bed = self.start()
+        self.c = self.bed.connect()
+
+
 class GreetingTest(vb.BedTestCase):
     def test_default_greeting_names_configured_domain_not_host_name(self):
         bed = self.start()
@@ -35,12 +44,7 @@ class GreetingTest(vb.BedTestCase):
         self.assertIn("accepted new conn. current conn: 0\n", bed.daemon.stderr())
 
 
-class HeloEhloTest(vb.BedTestCase):
-    def setUp(self):
-        super().setUp()
-        self.bed = self.start()
-        self.c = self.bed.connect()
-
+class HeloEhloTest(ConnectedTestCase):
     def test_replies(self):
         cases = [
             ("ehlo with name", b"EHLO client.test\r\n", EHLO_DEFAULT),
@@ -91,12 +95,7 @@ class HeloEhloTest(vb.BedTestCase):
         self.assertEqual(self.bed.daemon.stderr().count("Ignoring whitespace in HELO\n"), 1)
 
 
-class SimpleCommandTest(vb.BedTestCase):
-    def setUp(self):
-        super().setUp()
-        self.bed = self.start()
-        self.c = self.bed.connect()
-
+class SimpleCommandTest(ConnectedTestCase):
     def test_replies(self):
         cases = [
             ("noop", "NOOP", b"250 OK\r\n"),
@@ -128,12 +127,7 @@ class SimpleCommandTest(vb.BedTestCase):
         self.assertEqual(self.c.read_until_closed(), b"221 Goodbye.\r\n")
 
 
-class CommandReaderTest(vb.BedTestCase):
-    def setUp(self):
-        super().setUp()
-        self.bed = self.start()
-        self.c = self.bed.connect()
-
+class CommandReaderTest(ConnectedTestCase):
     def test_unknown_and_near_miss_verbs(self):
         cases = [
             ("unknown word", "FOO bar", UNKNOWN),
