@@ -43,6 +43,7 @@ void replace_string(char** field, const char* value) {
 }
 
 void pre_init() {
+  fatal_set_shutdown(proxy_shutdown);
   dlog_init();
   dlog_set_level(0, 3);
   xasprintf(&startup_options.pid_file, "/var/run/%s.pid", startup_options.program_name);
@@ -143,15 +144,6 @@ void parse_args(int argc, char** argv) {
     }
   }
   dlog_set_mode(startup_options.program_name, startup_options.log_flags);
-}
-
-void fatal_exit(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vdlog(DLOG_SMTP, 0, format, args);
-  va_end(args);
-  dlog(DLOG_SMTP, 0, "Shuting down due to the above error.\n");
-  proxy_shutdown(1);
 }
 
 void proxy_shutdown(int status) {

@@ -4,6 +4,8 @@
 
 #include <csignal>
 
+#include "foundation/fatal.h"
+
 struct StartupOptions {
   char* program_name = nullptr;        // last path component of argv[0]
   bool no_daemon = false;              // -d
@@ -22,15 +24,10 @@ extern volatile sig_atomic_t shutdown_requested;
 extern volatile sig_atomic_t dump_requested;
 extern volatile sig_atomic_t usr1_requested;
 
-constexpr const char* VIGILD_COMMON_CONFIG = "/etc/av/norvik.conf";
-constexpr const char* VIGILD_PROXY_CONFIG = "/etc/av/vigild.conf";
-
 // Parses the command line; a bad option prints the usage text and exits 1.
 void parse_args(int argc, char** argv);
 [[noreturn]] void usage();
 
-// Logs the message and the shut-down line, then proxy_shutdown(1).
-[[noreturn]] void fatal_exit(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Closes the control socket, the listener and every connection, cleans the scan
 // directory and exits with status.
 [[noreturn]] void proxy_shutdown(int status);

@@ -7,10 +7,10 @@
 #include <new>
 #include <vector>
 
-#include "daemon/util.h"
 #include "event/comm_internal.h"
 #include "foundation/dlog.h"
 #include "foundation/dump.h"
+#include "foundation/fd.h"
 
 CommState comm;
 
@@ -90,6 +90,7 @@ int comm_init(int n) {
   }
   comm.called = true;
   comm_update_time();
+  dump_set_clock(comm_current_time);
   comm.nfiles = static_cast<int>(set_fd_limit(n));
   try {
     comm.fds.assign(comm.nfiles, DescriptorRecord{});

@@ -5,10 +5,10 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "daemon/util.h"
 #include "event/comm.h"
 #include "event/comm_internal.h"
 #include "foundation/dlog.h"
+#include "foundation/fd.h"
 
 namespace {
 

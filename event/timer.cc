@@ -4,10 +4,10 @@
 #include <new>
 #include <vector>
 
-#include "daemon/vigild.h"
 #include "event/comm.h"
 #include "foundation/dlog.h"
 #include "foundation/dump.h"
+#include "foundation/fatal.h"
 
 struct Timer {
   int index;  // position in the heap, kept current by every swap; -1 when out

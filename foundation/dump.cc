@@ -4,7 +4,6 @@
 #include <ctime>
 #include <memory>
 
-#include "event/comm.h"
 #include "foundation/dlog.h"
 
 namespace {
@@ -16,11 +15,16 @@ struct Contributor {
 
 // Newest first: a dump shows the modules in reverse order of registration.
 std::unique_ptr<Contributor> contributors;
+DumpClock dump_clock = nullptr;
 
 constexpr const char* SEPARATOR =
     "**********************************************************************\n";
 
 }  // namespace
+
+void dump_set_clock(DumpClock clock) {
+  dump_clock = clock;
+}
 
 void dump_register(DumpFunction function) {
   contributors = std::make_unique<Contributor>(Contributor{function, std::move(contributors)});
@@ -35,7 +39,7 @@ void dump_state(const char* name) {
     dlog(DLOG_DUMP, 0, "Can't open dump file %s: %m\n", name);
     return;
   }
-  time_t now = comm_current_time();
+  time_t now = dump_clock != nullptr ? dump_clock() : time(nullptr);
   fprintf(stream, "Dump started at %s\n", ctime(&now));
   errno = saved;  // the dump reports the errno the daemon had, not fopen's
   fprintf(stream, "errno: %m\n");

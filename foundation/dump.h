@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <ctime>
 
 using DumpFunction = void (*)(FILE* stream);
 
@@ -12,3 +13,8 @@ void dump_register(DumpFunction function);
 // Writes a full dump to name (null: DUMP_DEFAULT_FILE). An unopenable file is
 // logged and the dump skipped.
 void dump_state(const char* name);
+
+// The header's time comes from the event loop's cached clock, which the loop
+// installs here; without one the wall clock is read.
+using DumpClock = time_t (*)();
+void dump_set_clock(DumpClock clock);

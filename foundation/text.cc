@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/vigild.h"
+#include "foundation/fatal.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <cstring>
 #include <memory>
 
-#include "daemon/util.h"
-#include "daemon/vigild.h"
 #include "event/timer.h"
 #include "foundation/dlog.h"
+#include "foundation/fatal.h"
+#include "foundation/fd.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "daemon/vigild.h"
 #include "foundation/dlog.h"
+#include "foundation/fatal.h"
 #include "smtp/config.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "daemon/util.h"
 #include "foundation/dlog.h"
+#include "foundation/fd.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 

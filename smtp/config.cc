@@ -12,8 +12,8 @@
 #include <cstring>
 #include <memory>
 
-#include "daemon/vigild.h"
 #include "foundation/dlog.h"
+#include "foundation/fatal.h"
 #include "foundation/ini.h"
 #include "foundation/text.h"
 #include "net/tproxy.h"

@@ -10,6 +10,8 @@
 
 #include "foundation/dstr.h"
 
+constexpr const char* VIGILD_COMMON_CONFIG = "/etc/av/norvik.conf";
+constexpr const char* VIGILD_PROXY_CONFIG = "/etc/av/vigild.conf";
 constexpr const char* CONFIG_PROXY_SECTION = "vigild";
 constexpr const char* CONFIG_COMMON_SECTION = "scannerd";
 

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/vigild.h"
 #include "foundation/dlog.h"
+#include "foundation/fatal.h"
 #include "smtp/address.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"

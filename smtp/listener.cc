@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/vigild.h"
 #include "foundation/dlog.h"
 #include "foundation/dump.h"
+#include "foundation/fatal.h"
 #include "smtp/address.h"
 #include "smtp/backend.h"
 #include "smtp/config.h"

@@ -2,8 +2,8 @@
 // builds the envelope; HELO/EHLO and RSET drop it.
 #include <cstring>
 
-#include "daemon/vigild.h"
 #include "foundation/dlog.h"
+#include "foundation/fatal.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 

@@ -2,8 +2,8 @@
 // this build. Both keep the checks that need nothing else and then refuse
 // plainly: DATA with a temporary failure, so the sender keeps the message and
 // retries, never with an acceptance; AUTH as an unsupported mechanism.
-#include "daemon/vigild.h"
 #include "foundation/dlog.h"
+#include "foundation/fatal.h"
 #include "smtp/smtp.h"
 
 namespace {

@@ -9,10 +9,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "daemon/util.h"
 #include "event/comm.h"
 #include "event/timer.h"
 #include "foundation/dlog.h"
+#include "foundation/fd.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 
