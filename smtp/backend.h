@@ -1,16 +1,59 @@
-// The backend side of a Connection: the states of the relay dialogue and the
-// teardown that every failure and every close passes through. The connect,
-// the dialogue and the keep-alive join this module as they are built.
+// The backend side of a Connection: the connect (plain or transparent), the
+// reply reader, the writes and the message-file send, the NOOP keep-alive,
+// the client dialogue that replays the transaction (be_state), and the
+// teardown that every failure and every close passes through.
 #pragma once
 
 #include "smtp/smtp.h"
 
-// be_state values that the sender side sets itself.
-constexpr int BE_INIT = 0;
-constexpr int BE_QUIT = 10;
-constexpr int BE_RSET = 11;
+// be_state values: what the dialogue is waiting for.
+enum BeState : int {
+  BE_INIT = 0,           // the greeting
+  BE_EHLO = 1,           // the reply to EHLO
+  BE_HELO = 2,           // the reply to HELO
+  BE_AUTH_LOGIN = 3,     // the reply to "auth login"
+  BE_AUTH_USER = 4,      // the reply to the user-name line
+  BE_AUTH_PASSWORD = 5,  // the reply to the password line
+  BE_MAIL = 6,           // the reply to MAIL FROM
+  BE_RCPT = 7,           // the reply to the RCPT TO under rcpt_cursor
+  BE_DATA = 8,           // the reply to DATA
+  BE_SENT_DATA = 9,      // the final reply after the message file
+  BE_QUIT = 10,          // the reply to a QUIT passed on from the sender
+  BE_RSET = 11,          // the reply to an RSET passed on from the sender
+  BE_AUTH_RSET = 12,     // the reply to the RSET after a refused AUTH
+  BE_IDLE = 13,          // nothing; NOOP replies
+};
 
+// Opens the backend connection for a cleared message (receiver_fd is -1).
+// Failures answer the sender "451 Internal Error" and read commands again.
+void backend_start(Connection* conn);
+// comm_connect completion of backend_start; data is the Connection.
+void be_connected(int fd, int error, void* data);
+// Read handler of receiver_fd: hands every whole reply line to be_handle_line.
+void response_handler(int fd, void* data);
 // Ends the backend connection and drops the scan state of the current
-// message (scan timer, scan file and its name). Idempotent. The envelope and
-// the sender side are left alone.
+// message (scan timer, scan requests, scan file and its name, NOOP timer).
+// Idempotent. The envelope and the sender side are left alone.
 void close_backend(Connection* conn);
+// Tells the sender about a backend failure: reply forwarded verbatim (then
+// QUIT to the backend), or "421 Backend closed connection" when it is empty;
+// tears the backend side down and reads the sender's commands again.
+void be_problem(Connection* conn, const DynString* reply);
+// Sends the scan file (dot-stuffed again when unstuffed is set) ending in
+// ".\r\n". 0: handed to comm_write_file; 1: not (conn may be closed).
+int be_send_file(Connection* conn);
+// Completion handler of every command written to the backend.
+void generic_be_write_callback(int fd, int error, void* data);
+// Completion handler of the message file.
+void be_write_file_callback(int fd, int error, void* data);
+// Timer handler of noop_timer; data is the Connection.
+void be_send_noop(void* data);
+
+// One reply line of the backend (command_line). 0: read the next line;
+// 1: stop, the read handler stays unregistered.
+int be_handle_line(Connection* conn, DynString* line);
+// -1 empty, -2 no LF at the end, else the leading number, negated on a
+// continuation line ("250-...").
+int reply_code(const DynString* line);
+// 1 when the line is empty or does not end in LF.
+int line_incomplete(const DynString* line);

@@ -16,6 +16,9 @@
 #include "foundation/dstr.h"
 #include "foundation/lstream.h"
 
+struct VscanRequest;
+struct AsRequest;
+
 // One recipient address; the node owns its string.
 struct RcptNode {
   RcptNode* next;
@@ -55,8 +58,8 @@ struct Connection {
   bool newline;
   bool closed;  // set once, on entry to close_connection
   bool unstuffed;
-  void* vs_request;
-  void* spam_request;
+  VscanRequest* vs_request;
+  AsRequest* spam_request;
   char* auth_user;  // base64 lines as received, with their line end
   char* auth_pass;
   char* msgid;
@@ -156,6 +159,16 @@ int smtp_rcpt(const DynString* line, Connection* conn);
 void add_rcpt(Connection* conn, DynString* address);
 void add_failed_rcpt(Connection* conn, DynString* address);
 
-// --- Commands whose machinery is not in this build (smtp/unavailable.cc) ---
+// --- Message reception (smtp/data.cc) ---
 int smtp_data(const DynString* line, Connection* conn);
+// Read handler of sender_fd during DATA; data is the Connection.
+void data_handler(int fd, void* data);
+// End of data: closes the scan file, reads the Message-ID and starts the
+// spam check (or goes straight to the verdicts without an anti-spam pool).
+void finish_data(Connection* conn);
+// Timer handlers of scan_timer; data is the Connection.
+void av_scan_timeout(void* data);
+void spam_scan_timeout(void* data);
+
+// --- Authentication (smtp/auth.cc; helpers in smtp/auth.h) ---
 int smtp_auth(const DynString* line, Connection* conn);

@@ -1,0 +1,30 @@
+// The anti-spam client: a pool of connections to the local anti-spam service
+// over a Unix stream socket, one request in flight per connection, a stack of
+// free connections and a stack of waiting requests, reconnects on timers.
+// A request belongs to this module until its caller cancels it.
+#pragma once
+
+#include <cstdint>
+
+struct AsRequest;
+
+// Called with the caller's data and the verdict (0 when none could be had).
+// The handler must spam_cancel the request it was given back, if any.
+using SpamHandler = void (*)(void* data, int result);
+
+// Start-up: opens count connections to path (count <= 0: none; every
+// request then passes with 0).
+void spam_init(const char* path, int count);
+// Starts a check of filename (at least 6 characters: the last 6 are the reply
+// key). id null means "unknown"; sender may be null or empty. Returns the
+// request, or null when the handler has already been called (no pool, no
+// free connection with bypass or while the service is down) or sending
+// failed (handler not called).
+AsRequest* spam_scan(SpamHandler handler, void* data, const char* filename, const char* id,
+                     const char* sender, int64_t size, bool bypass);
+// Drops a request (not null): off the waiting stack, its connection freed for
+// the next waiting request. Also after its handler ran.
+void spam_cancel(AsRequest* request);
+// Shutdown: closes every connection and frees the pool; waiting requests are
+// not answered.
+void spam_shutdown();
