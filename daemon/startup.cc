@@ -91,7 +91,7 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(config.listen_addr);
   address.sin_port = htons(config.listen_port);
-  listen_fd = make_listen_socket(&address);
+  listen_fd = make_listen_socket(&address, config.listen_backlog);
   if (listen_fd < 0) fatal_exit("Can't initialize listen fd. %m\n");
 
   virus_scanner_client_init();
