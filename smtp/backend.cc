@@ -121,7 +121,7 @@ void backend_start(Connection* conn) {
   dlog(DLOG_SMTP, 9, "address_transparent=%d\n", config.address_transparent ? 1 : 0);
   if (config.address_transparent && !bind_transparent(conn)) return;
   dlog(DLOG_SMTP, 9, "Connecting to backend\n");
-  // Set before the connect: its handler may run before comm_connect returns.
+  // The sender's envelope commands wait (501) until the greeting is accepted.
   conn->transaction_pending = true;
   conn->be_connect = comm_connect(fd, reinterpret_cast<const sockaddr*>(&conn->receiver_addr),
                                   sizeof conn->receiver_addr, be_connected, conn);
@@ -167,6 +167,9 @@ void response_handler(int fd, void* data) {
     dlog(DLOG_SMTP, 3, "response_handler: connection was closed\n");
     return;
   }
+  // A QUIT from the sender arms this handler also while the connect is
+  // still pending; there is no stream to read then, and the close follows.
+  if (conn->receiver_stream == nullptr) return;
   // Every whole line already buffered is handled now, in order: the read
   // handler is one-shot and the socket may not become readable again.
   for (;;) {

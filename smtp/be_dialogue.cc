@@ -120,6 +120,9 @@ int on_init(Connection* conn, const DynString* line, int c, bool more) {
 
 int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
   if (c >= 500 && c <= 509) {
+    // A HELO from the sender during the relay may have cleared the domain.
+    if (conn->helo_domain == nullptr)
+      return problem(conn, line, "%p, unexpected error in BE_EHLO state - null helo domain.\n");
     char* text;
     xasprintf(&text, "HELO %s\r\n", conn->helo_domain->data);
     if (!send_command(conn, text, true)) return 1;
@@ -138,14 +141,31 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
   return send_mail_from(conn, line, "%p, unexpected error in BE_EHLO state - null maill from\n");
 }
 
+// The sender's commands are read while the message is relayed, so a new
+// AUTH may free or replace the stored line at any time: a copy goes out, and
+// a missing line ends the attempt.
+char* auth_line_copy(Connection* conn, const char* stored, const DynString* line) {
+  if (stored != nullptr) {
+    char* copy = strdup(stored);
+    if (copy == nullptr) fatal_exit("Out of memory: %m\n");
+    return copy;
+  }
+  dlog(DLOG_SMTP, 3, "%p, unexpected error in BE_AUTH state - null auth line.\n", ptr(conn));
+  be_problem(conn, line);
+  return nullptr;
+}
+
 int on_auth_login(Connection* conn, const DynString* line, int c, bool more) {
   if (c != 334) {
     dlog(DLOG_SMTP, 3, "%p, auth login problem %s", ptr(conn), line->data);
     return auth_rset(conn);
   }
   if (more) return 0;
-  if (comm_write(conn->receiver_fd, conn->auth_user, static_cast<int>(strlen(conn->auth_user)),
-                 generic_be_write_callback, conn, nullptr) < 0)
+  char* user = auth_line_copy(conn, conn->auth_user, line);
+  if (user == nullptr) return 1;
+  // A write that fails at once has told the sender and torn the backend down.
+  if (comm_write(conn->receiver_fd, user, static_cast<int>(strlen(user)), generic_be_write_callback,
+                 conn, free) < 0)
     return 1;
   if (conn->closed) return 1;
   dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", ptr(conn), conn->auth_user);
@@ -159,7 +179,8 @@ int on_auth_user(Connection* conn, const DynString* line, int c, bool more) {
     return auth_rset(conn);
   }
   if (more) return 0;
-  if (!send_command(conn, conn->auth_pass, false)) return 1;
+  char* pass = auth_line_copy(conn, conn->auth_pass, line);
+  if (pass == nullptr || !send_command(conn, pass, true)) return 1;
   dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", ptr(conn), conn->auth_pass);
   conn->be_state = BE_AUTH_PASSWORD;
   return 0;
