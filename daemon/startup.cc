@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "control/control.h"
 #include "daemon/signals.h"
 #include "daemon/util.h"
 #include "daemon/vigild.h"
@@ -51,19 +52,15 @@ void pre_init() {
   timer_init();
 }
 
-// Steps that belong to the scanner clients and the control socket, which are
-// not part of this build yet: each logs that it is absent so an operator
-// reading the start-up log is not misled.
+// Steps that belong to the scanner clients, which are not part of this build
+// yet: each logs that it is absent so an operator reading the start-up log is
+// not misled.
 void virus_scanner_client_init() {
   dlog(DLOG_MAIN, 3, "Virus scanner client not available in this build\n");
 }
 void anti_spam_client_init() {
   dlog(DLOG_MAIN, 3, "Anti-spam client not available in this build\n");
 }
-void control_socket_init() {
-  dlog(DLOG_MAIN, 3, "Control socket not available in this build\n");
-}
-void control_socket_close() {}
 
 void proxy_init(const char* common_file, const char* proxy_file) {
   config_clear_lists();
@@ -94,11 +91,14 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   listen_fd = make_listen_socket(&address, config.listen_backlog);
   if (listen_fd < 0) fatal_exit("Can't initialize listen fd. %m\n");
 
+  // A dump runs its sections newest registration first, so this order puts
+  // the connections before the virus scanner client and both before the
+  // event loop, the timers, the signals and the log registered earlier.
   virus_scanner_client_init();
   set_user_group(config.user, config.group);
   smtp_init_listener();
   anti_spam_client_init();
-  control_socket_init();
+  ctrl_fd = ctrl_init(config.ctrl_socket_path, ctrl_read_handler);
 }
 
 }  // namespace
@@ -147,7 +147,8 @@ void parse_args(int argc, char** argv) {
 }
 
 void proxy_shutdown(int status) {
-  control_socket_close();
+  ctrl_close(ctrl_fd, config.ctrl_socket_path);
+  ctrl_fd = -1;
   if (listen_fd >= 0) {
     comm_clear_fd(listen_fd, 3);
     close(listen_fd);
