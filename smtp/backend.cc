@@ -201,6 +201,7 @@ void response_handler(int fd, void* data) {
 void close_backend(Connection* conn) {
   conn->be_state = BE_INIT;
   conn->be_pipelining = false;
+  conn->noops_pending = 0;
   conn->transaction_pending = false;
   if (conn->be_connect != nullptr) comm_connect_abort(conn->be_connect);
   conn->be_connect = nullptr;
@@ -241,10 +242,17 @@ int be_send_file(Connection* conn) {
   dlog(DLOG_SMTP, 9, "Sending file to backend: fd %d\n", conn->receiver_fd);
   if (conn->scan_file == nullptr || conn->scan_file_name == nullptr) return 1;
   if (conn->unstuffed) {
-    // stuff_file closes the descriptor on success; fclose then only frees
-    // the stream (its close fails with EBADF, which is harmless here).
-    if (stuff_file(conn->scan_file_name->data, fileno(conn->scan_file)) != 0) return 1;
+    // stuff_file takes a descriptor and closes it on success: give it a
+    // duplicate and drop the stream first, so no descriptor is closed twice
+    // (a second close could hit a number the loop has handed out again).
+    int fd = dup(fileno(conn->scan_file));
     fclose(conn->scan_file);
+    conn->scan_file = nullptr;
+    if (fd < 0) return 1;
+    if (stuff_file(conn->scan_file_name->data, fd) != 0) {
+      close(fd);
+      return 1;
+    }
     conn->scan_file = fopen(conn->scan_file_name->data, "r");
     if (conn->scan_file == nullptr) return 1;
   } else if (fwrite(".\r\n", 1, 3, conn->scan_file) != 3 || fflush(conn->scan_file) != 0) {
@@ -282,5 +290,6 @@ void be_send_noop(void* data) {
     close_connection(conn);
     return;
   }
+  conn->noops_pending += 1;
   conn->noop_timer = timer_add(config.noop_interval, be_send_noop, conn);
 }

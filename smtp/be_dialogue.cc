@@ -308,6 +308,14 @@ int be_handle_line(Connection* conn, DynString* line) {
   bool more = c < 0;
   if (c < 0) c = -c;
   dlog(DLOG_SMTP, 4, "%p, Backend response=%d (incomplete=%d)\n", ptr(conn), c, more ? 1 : 0);
+  // Replies come in the order of the commands. A keep-alive NOOP written
+  // just before a new message's MAIL FROM is answered first; read as the
+  // answer to MAIL it would shift every later reply by one, up to a RCPT's
+  // 250 being forwarded to the sender as if it were the message's.
+  if (conn->noops_pending > 0) {
+    if (!more) conn->noops_pending -= 1;
+    if (is_2xx(c)) return 0;
+  }
 
   switch (conn->be_state) {
     case BE_INIT:
