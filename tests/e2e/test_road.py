@@ -33,10 +33,12 @@ class RoadCase(vb.BedTestCase):
         merged = {"as_connections": "2", "idle_timeout": "60"}
         merged.update(settings or {})
         bed.start_daemon(merged)
-        if scanners:
+        pool = int(merged["as_connections"])
+        if scanners and merged.get("use_scanner") != "0":
             self.virus.wait_for(lambda v: len(v.hellos) == 1, what="scanner hello")
-            self.spam.wait_for(lambda s: s.connections == 2, what="anti-spam pool")
-            bed.daemon.wait_log("Successfully connected to anti-spam server", count=2)
+        if scanners and pool:
+            self.spam.wait_for(lambda s: s.connections == pool, what="anti-spam pool")
+            bed.daemon.wait_log("Successfully connected to anti-spam server", count=pool)
         return bed
 
     def send(self, c, sender, rcpts=("rcpt@road.test",), body=BODY, ehlo=True):
@@ -60,7 +62,7 @@ class CleanMessageTest(RoadCase):
         seen = {}
 
         def record_file(line):  # the scanner reads the scan file as the daemon left it
-            seen["file"] = open(self.bed.host_path(line.split("\t")[2]), "rb").read()
+            seen["file"] = self.bed.host_path(line.split("\t")[2]).read_bytes()
 
         bed = self.road(virus=record_file)
         c = bed.connect()
@@ -83,7 +85,7 @@ class CleanMessageTest(RoadCase):
         # The second message reuses the idle backend: MAIL FROM, no new EHLO.
         self.assertEqual(self.send(c, "bob@road.test", ehlo=False), b"250 OK\r\n")
         self.relayed(2)
-        lines = [ln.split(b":")[0].split(b" ")[0] for ln in self.backend.sessions[0].lines]
+        lines = [ln[:4] for ln in self.backend.sessions[0].lines]
         self.assertEqual(lines, [b"EHLO", b"MAIL", b"RCPT", b"DATA", b"MAIL", b"RCPT", b"DATA"])
         self.assertEqual(len(self.backend.sessions), 1)
         self.assertEqual(c.cmd("QUIT"), b"221 Goodbye.\r\n")
@@ -109,6 +111,7 @@ class VerdictTest(RoadCase):
                     relayed += 1
                     self.assertIn(b"\r\n" + subject + b"\r\n", self.relayed(relayed)[-1])
         self.assertEqual(len(self.relayed(relayed)) if relayed else 0, relayed)
+        c.cmd("QUIT")  # refused messages keep their scan file until the next transaction
         self.scan_dir_empty()
 
     def test_refusing_settings(self):
@@ -138,7 +141,7 @@ class VerdictTest(RoadCase):
 
 
 class ScannerTroubleTest(RoadCase):
-    def test_scanner_down_bypass_passes_and_no_bypass_times_out(self):
+    def test_scanners_down_with_bypass_relay_unscanned(self):
         self.road({"vscan_bypass": "1"}, scanners=False)
         c = self.bed.connect()
         self.assertEqual(self.send(c, "a@x.test"), b"250 OK\r\n")
@@ -153,6 +156,7 @@ class ScannerTroubleTest(RoadCase):
         self.assertEqual(self.send(c, "a@x.test"), b"451 AV scanner timeout\r\n")
         self.bed.daemon.wait_log("AV scan timed out on connection")
         self.assertEqual(self.send(c, "a@x.test", ehlo=False), b"451 AV scanner timeout\r\n")
+        c.cmd("QUIT")
         self.scan_dir_empty()
 
 
@@ -186,26 +190,32 @@ class BodyRulesTest(RoadCase):
 
 class DisconnectTest(RoadCase):
     def test_sender_leaving_at_every_stage_leaves_nothing_behind(self):
-        hold = threading.Event()
+        # The sender's descriptor is not watched while its message is scanned:
+        # its departure is seen when the verdict gives the dialogue back.
+        hold, gate = threading.Event(), threading.Event()
         self.addCleanup(hold.set)
-        self.road({"as_connections": "1"}, virus={"<hold>": Action(silent=True)})
+        self.addCleanup(gate.set)
+        self.road({"as_connections": "1"},
+                  virus=lambda line: gate.wait(20) and 0x2 if "<hold>" in line else None)
         self.backend.replies["DOT"] = lambda line: hold.wait(20) and None
         base = self.bed.daemon.quiet_fd_count()
 
-        def leave(body, stage, wait, count=1):
+        def leave(body, stage, wait, count=1, release=lambda: None):
             c = self.bed.connect()
             for line, _ in message("a@x.test", ["b@x.test"]):
                 c.cmd(line)
             c.send(body)
             wait()
             c.close()
+            release()
             self.bed.daemon.wait_log(stage, count=count)
             self.scan_dir_empty()
 
         leave(b"Subject: half\r\n", "Connection closed by peer while receiving data.",
               lambda: self.bed.daemon.wait_log("Inside data_handler"))
         held = BODY.replace(b"<m1@road.test>", b"<hold>")
-        leave(held + b".\r\n", "vscan_cancel num 1", lambda: self.virus.wait_requests(1))
+        leave(held + b".\r\n", "vscan_cancel num 1", lambda: self.virus.wait_requests(1),
+              release=gate.set)
         leave(BODY + b".\r\n", "Closing connection", lambda: self.relayed(1), count=3)
         hold.set()
         self.assertLessEqual(self.bed.daemon.quiet_fd_count(), base)
@@ -213,13 +223,14 @@ class DisconnectTest(RoadCase):
 
 class LoadTest(RoadCase):
     def test_200_concurrent_senders_each_message_relayed_once(self):
-        self.road({"as_connections": "3", "max_connections": "300"})
+        self.road({"as_connections": "3", "max_connections": "300", "listen_backlog": "256"})
         base_fds = self.bed.daemon.quiet_fd_count()
         results, errors = [], []
 
         def sender(i):
             try:
-                c = self.bed.connect(source=f"127.0.1.{1 + i % 200}")
+                net = vb.DEFAULT_SENDER.rsplit(".", 1)[0]
+                c = self.bed.connect(source=f"{net}.{1 + i % 200}")
                 for k in range(2):
                     body = BODY.replace(b"m1@road.test", f"s{i}-{k}@road.test".encode())
                     results.append((self.send(c, f"s{i}@x.test", body=body, ehlo=k == 0), i, k))
@@ -232,7 +243,7 @@ class LoadTest(RoadCase):
             t.start()
         for t in threads:
             t.join(120)
-        self.assertEqual(errors, [])
+        self.assertEqual(errors, [], str(errors[:1]))
         accepted = {f"s{i}-{k}" for r, i, k in results if r == b"250 OK\r\n"}
         self.assertEqual(len(accepted), 400)
         ids = [re.search(rb"<(s\d+-\d)@", m).group(1).decode() for m in self.relayed(400)]
