@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import threading
 
 import vigil_bed as vb
@@ -250,3 +251,25 @@ class LoadTest(RoadCase):
         self.assertEqual(sorted(ids), sorted(accepted))
         self.scan_dir_empty()
         self.bed.daemon.wait_fds_at_most(base_fds)
+
+
+class RealClientsTest(RoadCase):
+    def test_swaks_and_smtp_source_send_through_the_proxy(self):
+        for tool in ("swaks", "smtp-source", "setpriv"):
+            if not shutil.which(tool):
+                self.skipTest(f"{tool} is not installed")
+        self.road({"listen_backlog": "64"})
+        ns, target = self.bed.ns, f"{vb.BACKEND_ADDR}:{vb.BACKEND_PORT}"
+        ns.exec(["swaks", "--server", target, "--local-interface", vb.DEFAULT_SENDER,
+                 "--from", "a@x.test", "--to", "b@x.test", "--body", ".dot\r\nend",
+                 "--timeout", "20"])  # raises when swaks fails
+        self.assertIn(b"\r\n..dot\r\nend\r\n", self.relayed(1)[0])
+        # smtp-source cannot pick its source address: its user's traffic is
+        # redirected instead, so the proxy's own connections stay direct.
+        ns.exec(["iptables", "-t", "nat", "-A", "OUTPUT", "-p", "tcp", "-m", "owner",
+                 "--uid-owner", "65534", "-d", vb.BACKEND_ADDR, "--dport", str(vb.BACKEND_PORT),
+                 "-j", "REDIRECT", "--to-ports", str(self.bed.listen_port)])
+        ns.exec(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                 "smtp-source", "-s", "5", "-m", "50", "-l", "4096", "-f", "a@x.test",
+                 "-t", "b@x.test", target], timeout=120)
+        self.assertEqual(len(self.relayed(51)), 51)
