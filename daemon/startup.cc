@@ -17,6 +17,8 @@
 #include "foundation/dump.h"
 #include "foundation/text.h"
 #include "net/tproxy.h"
+#include "scan/spam.h"
+#include "scan/vscan.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 
@@ -52,15 +54,6 @@ void pre_init() {
   timer_init();
 }
 
-// Steps that belong to the scanner clients, which are not part of this build
-// yet: each logs that it is absent so an operator reading the start-up log is
-// not misled.
-void virus_scanner_client_init() {
-  dlog(DLOG_MAIN, 3, "Virus scanner client not available in this build\n");
-}
-void anti_spam_client_init() {
-  dlog(DLOG_MAIN, 3, "Anti-spam client not available in this build\n");
-}
 
 void proxy_init(const char* common_file, const char* proxy_file) {
   config_clear_lists();
@@ -94,10 +87,10 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   // A dump runs its sections newest registration first, so this order puts
   // the connections before the virus scanner client and both before the
   // event loop, the timers, the signals and the log registered earlier.
-  virus_scanner_client_init();
+  vs_init(config.scanner_addr, 1);
   set_user_group(config.user, config.group);
   smtp_init_listener();
-  anti_spam_client_init();
+  spam_init(config.as_socket_path, config.as_connections);
   ctrl_fd = ctrl_init(config.ctrl_socket_path, ctrl_read_handler);
 }
 
@@ -156,6 +149,10 @@ void proxy_shutdown(int status) {
   }
   smtp_close_all();
   free_closed_connections();
+  // After the connections: any scan request one of them still held is freed
+  // here with the clients' sockets and timers, and nothing refers to it.
+  vs_shutdown();
+  spam_shutdown();
   if (config.scan_dir != nullptr) cleanup_scan_dir(config.scan_dir, config.scan_prefix);
   exit(status);
 }
