@@ -3,9 +3,6 @@
 #include <poll.h>
 
 #include "tests/smtp/smtp_test_support.h"
-#if __has_include("tests/smtp/relay_link_stubs.cc")
-#include "tests/smtp/relay_link_stubs.cc"
-#endif
 
 namespace {
 
