@@ -19,7 +19,7 @@
 #include "foundation/dlog.h"
 #include "foundation/text.h"
 
-int make_listen_socket(const sockaddr_in* address) {
+int make_listen_socket(const sockaddr_in* address, int backlog) {
   UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
   if (fd.get() < 0) {
     dlog(DLOG_UTIL, 1, "Can't create socket: %m\n");
@@ -36,7 +36,7 @@ int make_listen_socket(const sockaddr_in* address) {
   }
   set_nonblock(fd.get());
   set_nodelay(fd.get());
-  if (listen(fd.get(), 5) < 0) {
+  if (listen(fd.get(), backlog) < 0) {
     dlog(DLOG_SMTP, 0, "Can't listen: %m\n");
     exit(1);
   }

@@ -180,6 +180,15 @@ void read_session_keys() {
       config.max_rcpt = static_cast<int>(v);
     }
   }
+  // The kernel queues at most this many senders that connected before the
+  // loop accepts them; a burst beyond it is refused by the kernel, not us.
+  if (get_long("listen_backlog", &v)) {
+    if (v < 1 || v > 65535) {
+      dlog(DLOG_SMTP, 1, "Bad listen_backlog. Using %d\n", config.listen_backlog);
+    } else {
+      config.listen_backlog = static_cast<int>(v);
+    }
+  }
   if (get_long("max_connections", &v)) {
     if (v < 5 || v > 3000) {
       dlog(DLOG_SMTP, 0, "Bad max connections. Using %d\n", config.max_connections);

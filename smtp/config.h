@@ -25,6 +25,7 @@ struct Config {
   int scanner_timeout = 300;  // seconds; stored as configured
   int noop_interval = 240;    // seconds between NOOPs to an idle backend
   int max_connections = 2500;
+  int listen_backlog = 5;  // queue of senders not yet accepted
   const char* user = "vigild";
   const char* group = "oxb";
   long long max_msg_size = 20971520;

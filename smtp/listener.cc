@@ -12,6 +12,8 @@
 #include "foundation/dlog.h"
 #include "foundation/dump.h"
 #include "foundation/fatal.h"
+#include "scan/spam.h"
+#include "scan/vscan.h"
 #include "smtp/address.h"
 #include "smtp/backend.h"
 #include "smtp/config.h"
@@ -259,6 +261,10 @@ void reset_transaction(Connection* conn) {
   conn->scan_result = 0;
   if (conn->scan_timer != nullptr) timer_cancel(conn->scan_timer);
   conn->scan_timer = nullptr;
+  if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
+  conn->spam_request = nullptr;
+  vscan_cancel(conn->vs_request);
+  conn->vs_request = nullptr;
   conn->rcpt_cursor = nullptr;
   free_rcpt_list(&conn->rcpts);
   free_rcpt_list(&conn->failed_rcpts);
