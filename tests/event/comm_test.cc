@@ -1,229 +1,141 @@
+// The poll loop's dispatch rules, connects and accepts (comm_write_test.cc has
+// the write queue).
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "daemon/util.h"
 #include "event_test_support.h"
-#include "tests/foundation/test_util.h"
 
 namespace {
 
-using event_test::init_loop_once;
-using event_test::LogCapture;
-using event_test::SocketPair;
-
-struct Trace {
-  std::vector<std::string> calls;
-};
-
-Trace* trace = nullptr;
-
-void record_read(int fd, void*) {
-  trace->calls.push_back("r" + std::to_string(fd));
-}
-void record_write(int fd, void*) {
-  trace->calls.push_back("w" + std::to_string(fd));
-}
-
-class CommTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    init_loop_once();
-    trace = &trace_;
-  }
-  Trace trace_;
-};
-
-// Makes both ends of a pair readable (each has a byte waiting) and writable.
-void make_ready(SocketPair& p) {
-  ASSERT_EQ(write(p.a.get(), "x", 1), 1);
-  ASSERT_EQ(write(p.b.get(), "x", 1), 1);
-}
-
-TEST_F(CommTest, HandlersAreOneShot) {
-  SocketPair p;
-  make_ready(p);
-  comm_read(p.a.get(), record_read, nullptr);
-  comm_run(0);
-  comm_run(0);
-  EXPECT_EQ(trace_.calls, std::vector<std::string>{"r" + std::to_string(p.a.get())});
-}
-
-TEST_F(CommTest, AllReadsOfACycleRunBeforeAnyWrite) {
-  SocketPair p1, p2;
-  make_ready(p1);
-  make_ready(p2);
-  int x = p1.a.get(), y = p2.a.get();
-  comm_add_fd(x, COMM_WRITE, record_write, nullptr);
-  comm_read(x, record_read, nullptr);
-  comm_read(y, record_read, nullptr);
-  comm_add_fd(y, COMM_WRITE, record_write, nullptr);
-  comm_run(0);
-  ASSERT_EQ(trace_.calls.size(), 4u);
-  EXPECT_EQ(trace_.calls[0][0], 'r');
-  EXPECT_EQ(trace_.calls[1][0], 'r');
-  EXPECT_EQ(trace_.calls[2][0], 'w');
-  EXPECT_EQ(trace_.calls[3][0], 'w');
-}
-
+using event_test::run_until;
+std::vector<std::string> calls;
 int victim_fd = -1;
+CommConnect* own_connect = nullptr;
+CommAccept* own_accept = nullptr;
+int accepts = 0;
+
+void record(int fd, void*) {
+  calls.push_back(std::to_string(fd));
+}
 void remove_victim_write(int fd, void* data) {
-  record_read(fd, data);
+  record(fd, data);
   comm_add_fd(victim_fd, COMM_WRITE, nullptr, nullptr);
 }
-
-TEST_F(CommTest, RemovingAnotherPendingHandlerRestartsTheCycle) {
-  SocketPair p1, p2;
-  make_ready(p1);
-  make_ready(p2);
-  victim_fd = p2.a.get();
-  comm_add_fd(victim_fd, COMM_WRITE, record_write, nullptr);
-  comm_read(p1.a.get(), remove_victim_write, nullptr);
-  // Also a write on the reader itself: it must not run in this cycle either.
-  comm_add_fd(p1.a.get(), COMM_WRITE, record_write, nullptr);
-  LogCapture log;
-  comm_run(0);
-  EXPECT_EQ(trace_.calls, std::vector<std::string>{"r" + std::to_string(p1.a.get())});
-  EXPECT_TRUE(log.has("Restarting poll\n"));
-  comm_run(0);  // the next cycle starts afresh
-  EXPECT_EQ(trace_.calls.size(), 2u);
-  EXPECT_EQ(trace_.calls.back(), "w" + std::to_string(p1.a.get()));
+void on_result(int fd, int error, void*) {
+  calls.push_back(std::to_string(fd) + ":" + std::to_string(error) + ":" +
+                  std::to_string(error ? errno : 0));
+}
+// Owners abort the connect they hold when they close, which may happen in its
+// own handler; an accept handler re-arms and then cancels the record it was
+// called for, which must not lose the new registration.
+void abort_own_connect(int fd, int error, void* data) {
+  on_result(fd, error, data);
+  comm_connect_abort(own_connect);
+}
+void rearm_then_cancel_old(int fd, int error, void* data) {
+  on_result(fd, error, data);
+  close(fd);
+  CommAccept* old = own_accept;
+  own_accept = ++accepts < 2 ? comm_accept(victim_fd, rearm_then_cancel_old, nullptr) : nullptr;
+  comm_accept_cancel(old);
 }
 
-TEST_F(CommTest, RemovalBetweenCyclesDoesNotCutTheNextOneShort) {
-  SocketPair p1, p2, p3;
-  make_ready(p1);
-  make_ready(p2);
-  comm_read(p3.a.get(), record_read, nullptr);
-  comm_clear_read(p3.a.get());  // as a timer handler closing a connection does
-  comm_read(p1.a.get(), record_read, nullptr);
-  comm_read(p2.a.get(), record_read, nullptr);
-  comm_run(0);
-  EXPECT_EQ(trace_.calls.size(), 2u);
-}
-
-TEST_F(CommTest, NullHandlerOnFreeDescriptorDoesNotRestart) {
-  SocketPair p1, p2;
-  make_ready(p1);
-  comm_add_fd(p2.a.get(), COMM_WRITE, nullptr, nullptr);
-  comm_read(p1.a.get(), record_read, nullptr);
-  comm_add_fd(p1.a.get(), COMM_WRITE, record_write, nullptr);
-  comm_run(0);
-  EXPECT_EQ(trace_.calls.size(), 2u);
-  EXPECT_FALSE(comm.restart);
-}
-
-void reregister(int fd, void* data) {
-  record_read(fd, data);
-  comm_read(fd, reregister, data);
-}
-
-TEST_F(CommTest, SelfReregistrationRunsNextCycleNotThisOne) {
-  SocketPair p;
-  make_ready(p);
-  comm_read(p.a.get(), reregister, nullptr);
-  comm_run(0);
-  EXPECT_EQ(trace_.calls.size(), 1u);
-  comm_run(0);
-  EXPECT_EQ(trace_.calls.size(), 2u);
-  comm_clear_read(p.a.get());
-}
-
-TEST_F(CommTest, NewestRegistrationPollsFirstAndMergingKeepsPlace) {
-  SocketPair p1, p2;
-  comm_read(p1.a.get(), record_read, nullptr);
-  comm_read(p2.a.get(), record_read, nullptr);
-  ASSERT_EQ(comm_set_current_polls(), 2);
-  EXPECT_EQ(comm.polls[0].fd, p2.a.get());
-  comm_add_fd(p1.a.get(), COMM_WRITE, record_write, nullptr);
-  ASSERT_EQ(comm_set_current_polls(), 2);
-  EXPECT_EQ(comm.polls[1].fd, p1.a.get());
-  EXPECT_EQ(comm.polls[1].events, POLLIN | POLLOUT);
-  comm_clear_fd(p2.a.get(), COMM_READ);
-  ASSERT_EQ(comm_set_current_polls(), 1);
-  EXPECT_EQ(comm.polls[0].fd, p1.a.get());
-}
-
-TEST_F(CommTest, HangupWakesTheReader) {
-  SocketPair p;
-  comm_read(p.a.get(), record_read, nullptr);
-  p.b.reset();
-  comm_run(0);
-  EXPECT_EQ(trace_.calls.size(), 1u);
-}
-
-int completions = 0;
-void count_completion(int, int, void*) {
-  completions++;
-}
-
-// Every operation names itself when it refuses a descriptor, and does nothing
-// else: no handler runs, no record is kept.
-TEST_F(CommTest, InvalidDescriptorsAreLoggedByEachOperationAndIgnored) {
-  struct Case {
-    const char* op;
-    void (*call)(int fd);
-  };
-  const Case cases[] = {
-      {"comm_add_fd", [](int fd) { comm_add_fd(fd, COMM_READ, record_read, nullptr); }},
-      {"comm_add_fd", [](int fd) { comm_read(fd, record_read, nullptr); }},
-      {"comm_clear_fd", [](int fd) { comm_clear_fd(fd, COMM_READ); }},
-      {"comm_pendings", [](int fd) { EXPECT_EQ(comm_pendings(fd), 0); }},
-      {"comm_write",
-       [](int fd) { EXPECT_EQ(comm_write(fd, "x", 1, count_completion, nullptr, nullptr), 0); }},
-      {"comm_clear_write", [](int fd) { comm_clear_write(fd, 1); }},
-      {"comm_finished", [](int fd) { comm_finished(fd, count_completion, nullptr); }},
-      {"comm_interm", [](int fd) { comm_interm(fd, count_completion, nullptr, 0); }},
-      {"comm_write_file",
-       [](int fd) { EXPECT_EQ(comm_write_file(fd, 0, count_completion, nullptr), -1); }},
-      {"comm_write_file_offset",
-       [](int fd) { EXPECT_EQ(comm_write_file_offset(fd, 0, 0, count_completion, nullptr), -1); }},
-      {"comm_connect",
-       [](int fd) { EXPECT_EQ(comm_connect(fd, nullptr, 0, count_completion, nullptr), nullptr); }},
-  };
-  for (const Case& c : cases) {
-    for (int fd : {-1, comm.nfiles}) {
-      LogCapture log;
-      completions = 0;
-      c.call(fd);
-      std::string line = std::string(c.op) + ": invalid fd: " + std::to_string(fd) + "\n";
-      EXPECT_TRUE(log.has(line)) << c.op << " with " << fd << " logged:\n" << log.text();
-      EXPECT_EQ(completions, 0) << c.op;
-    }
-  }
-  EXPECT_EQ(comm.used_head, -1);
-  EXPECT_EQ(comm.connects, nullptr);
-}
-
-TEST_F(CommTest, EmptyPollSetEndsTheCycle) {
-  ASSERT_EQ(comm.used_head, -1);
-  LogCapture log;
-  comm_run(0);
-  EXPECT_TRUE(log.has("comm_set_current_polls: invalid fd: -1\n"));
-  EXPECT_TRUE(log.has("Nothing to poll?\n"));
-}
-
-TEST_F(CommTest, DumpShowsListsHandlersAndTheLastPollSet) {
-  SocketPair p1, p2;
+TEST(Comm, OneShotHandlersEveryReadBeforeAnyWriteAndARemovalRestartsTheCycle) {
+  event_test::init_loop_once();
+  calls.clear();
+  event_test::SocketPair p1, p2;
   int x = p1.a.get(), y = p2.a.get();
-  comm_read(x, record_read, nullptr);
-  comm_read(y, record_read, nullptr);
-  comm_add_fd(y, COMM_WRITE, record_write, nullptr);
-  comm_set_current_polls();
+  ASSERT_EQ(
+      write(x, "x", 1) + write(y, "x", 1) + write(p1.b.get(), "x", 1) + write(p2.b.get(), "x", 1),
+      4);
+  comm_add_fd(x, COMM_WRITE, record, nullptr);
+  comm_read(x, record, nullptr);
+  comm_read(y, record, nullptr);
+  comm_add_fd(y, COMM_WRITE, record, nullptr);
+  ASSERT_EQ(comm_set_current_polls(), 2);  // the newest first; merging keeps the older place
+  EXPECT_EQ(comm.polls[0].fd, y);
+  EXPECT_EQ(comm.polls[1].events, POLLIN | POLLOUT);
+  comm_run(0);
+  comm_run(0);
+  const std::string X = std::to_string(x), Y = std::to_string(y);
+  EXPECT_EQ(calls, (std::vector<std::string>{Y, X, Y, X}));  // reads, then writes
+  // A handler that removes another pending handler ends the cycle: the removed
+  // one must not run on a stale poll result, and nothing else runs either.
+  victim_fd = y;
+  comm_add_fd(y, COMM_WRITE, record, nullptr);
+  comm_read(x, remove_victim_write, nullptr);
+  comm_add_fd(x, COMM_WRITE, record, nullptr);
+  EXPECT_NE(foundation_test::logged([] { comm_run(0); }).find("Restarting poll\n"),
+            std::string::npos);
+  comm_run(0);
+  EXPECT_EQ(calls, (std::vector<std::string>{Y, X, Y, X, X, X}));
+  // Removal between cycles (a timer closing a connection) cuts nothing short.
+  comm_read(p2.b.get(), record, nullptr);
+  comm_clear_read(p2.b.get());
+  comm_read(x, record, nullptr);
+  comm_read(p1.b.get(), record, nullptr);
+  comm_run(0);
+  EXPECT_EQ(calls.size(), 8u);
+  comm_read(y, record, nullptr);  // a peer's hang-up wakes the reader
+  p2.b.reset();
+  comm_run(0);
+  EXPECT_EQ(calls.back(), Y);
   std::string dump = foundation_test::written(comm_dump);
-  char expect[512];
-  auto h = [](IoHandler fn) { return reinterpret_cast<void*>(fn); };
-  snprintf(expect, sizeof(expect),
-           "Used fd list\n%d -> %d -> -1\npending reads\nfd %d handler %p\nfd %d handler "
-           "%p\npending writes\nfd %d handler %p\npending connects:\npending accepts:\nqueued "
-           "writes:\n\nPending finished: \nCurrent Polls: \nfd %d events 5 revents 0\nfd %d "
-           "events 1 revents 0\n",
-           y, x, std::min(x, y), h(record_read), std::max(x, y), h(record_read), y, h(record_write),
-           y, x);
-  EXPECT_NE(dump.find(expect), std::string::npos) << dump;
   EXPECT_EQ(dump.find("COMM Dump:\nCurrent time: "), 0u) << dump;
-  EXPECT_NE(dump.find("Free fd list: 0 -> -1\n"), std::string::npos) << dump;
+  EXPECT_NE(dump.find("Current Polls: \nfd " + Y + " events 1 revents "), std::string::npos)
+      << dump;
+  std::string log = foundation_test::logged([&] {
+    comm_clear_read(y);
+    comm_clear_read(x);
+    comm_run(0);  // an empty poll set ends the cycle
+    comm_read(-1, record, nullptr);
+    comm_write(comm.nfiles, "x", 1, nullptr, nullptr, nullptr);
+  });
+  for (const std::string& line :
+       {std::string("Nothing to poll?\n"), std::string("comm_add_fd: invalid fd: -1\n"),
+        "comm_write: invalid fd: " + std::to_string(comm.nfiles) + "\n"})
+    EXPECT_NE(log.find(line), std::string::npos) << line;
+}
+
+TEST(Comm, ConnectOutcomeComesOnceLaterAndNeverAfterAnAbortAndEachAcceptGivesOne) {
+  event_test::init_loop_once();
+  calls.clear();
+  sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  UniqueFd listener(make_listen_socket(&a)), s(socket(AF_INET, SOCK_STREAM, 0)),
+      aborted(socket(AF_INET, SOCK_STREAM, 0)), own(socket(AF_INET, SOCK_STREAM, 0));
+  socklen_t len = sizeof(a);
+  getsockname(listener.get(), reinterpret_cast<sockaddr*>(&a), &len);
+  auto start = [&](int fd, CommHandler handler) {
+    return comm_connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a), handler, nullptr);
+  };
+  ASSERT_NE(start(s.get(), on_result), nullptr);
+  comm_connect_abort(start(aborted.get(), on_result));
+  own_connect = start(own.get(), abort_own_connect);
+  EXPECT_TRUE(calls.empty()) << "reported before the loop ran";
+  run_until([] { return calls.size() == 2; });
+  for (int i = 0; i < 5; i++) comm_run(0);
+  std::sort(calls.begin(), calls.end());
+  EXPECT_EQ(calls,
+            (std::vector<std::string>{std::to_string(std::min(s.get(), own.get())) + ":0:0",
+                                      std::to_string(std::max(s.get(), own.get())) + ":0:0"}));
+  EXPECT_TRUE(comm.fds[aborted.get()].free);
+  EXPECT_EQ(comm.connects, nullptr);
+  // Three connections are waiting; two registrations take two of them.
+  victim_fd = listener.get();
+  own_accept = comm_accept(listener.get(), rearm_then_cancel_old, nullptr);
+  run_until([] { return calls.size() == 4; });
+  for (int i = 0; i < 5; i++) comm_run(0);
+  ASSERT_EQ(calls.size(), 4u) << "accepted without a registration";
+  EXPECT_EQ(calls[2].substr(calls[2].find(':')) + calls[3].substr(calls[3].find(':')), ":0:0:0:0");
+  EXPECT_EQ(comm.accepts, nullptr);
+  comm_accept_cancel(comm_accept(listener.get(), on_result, nullptr));
+  EXPECT_TRUE(comm.fds[listener.get()].free);
 }
 
 }  // namespace
