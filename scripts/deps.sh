@@ -5,7 +5,7 @@
 set -e
 need=""
 for pkg in cmake g++ make libgtest-dev libcrypt-dev libbenchmark-dev iproute2 iptables \
-           python3 swaks postfix clang-format; do
+           python3 swaks postfix clang-format gcovr; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "ok installed" || need="$need $pkg"
 done
 [ -z "$need" ] && exit 0
