@@ -18,7 +18,7 @@ class AuthTest(vb.BedTestCase):
         des, md5 = (_crypt(p, s).decode() for p, s in ((b"secret", b"ab"), (b"pw2", b"$1$salt$")))
         bed.start_daemon({"relay_control": "1", "passthrough_auth": "0",
                           "local_domain_file": bed.write_file("local_domains", "example.com\n"),
-                          "relay_ips_file": bed.write_file("relay_ips", "10.9.1.0/24\n"),
+                          "relay_ips_file": bed.write_file("relay_ips", "127.0.1.0/24\n"),
                           "auth_file": bed.write_file("auth", f"alice:{des}\nbob:{md5}\n")})
         cases = [  # alice=YWxpY2U= secret=c2VjcmV0 bob=Ym9i pw2=cHcy
             ("DES hash", [("AUTH LOGIN", USER), ("YWxpY2U=", PASS), ("c2VjcmV0", ACCEPTED)]),

@@ -28,10 +28,10 @@ class BedTest(vb.BedTestCase):
         d = bed.start_daemon(binary="/usr/bin/python3",
                              raw_args=["-c", STANDIN, str(vb.LISTEN_PORT)])
         c = bed.connect(vb.OUTSIDE_SENDER)
-        self.assertEqual(c.greeting, b"220 10.9.0.1:25 10.9.2.10\r\n")
+        self.assertEqual(c.greeting, b"220 127.0.0.2:25 127.0.2.10\r\n")
         self.assertEqual(c.read_reply(), b"220 the real backend\r\n")
         backend.wait_for(lambda b: len(b.sessions) == 1, what="one backend session")
-        self.assertEqual(backend.sessions[0].peer[0], vb.BACKEND_ADDR)  # not redirected
+        self.assertNotRegex(backend.sessions[0].peer[0], r"^127\.0\.[12]\.")  # not redirected
         self.assertEqual(bed.host_path("/var/support/standin.txt").read_text(),
                          "hello from the namespace\n")
         self.assertFalse(os.path.exists("/var/support/standin.txt"))

@@ -65,14 +65,14 @@ class EnvelopeTest(vb.BedTestCase):
         return bed
 
     def test_relay_control(self):
-        bed = self.relay_bed("10.9.1.3/24\n")  # the entry's address is masked when compared
+        bed = self.relay_bed("127.0.1.3/24\n")  # the entry's address is masked when compared
         vb.dialogue(self, self.greeted(bed, vb.OUTSIDE_SENDER, b"<a@foreign.test>"), [
             (b"RCPT TO:<x@foreign.test>", DENIED), (b"RCPT TO:<x@example.com>", OK),
             (b"RCPT TO:<x@LOCAL.test>", OK), (b"RCPT TO:<x@sub.example.com>", DENIED),
             (b"RCPT TO:<>", OK), (b"RCPT TO:<y@example.com>", OK), (b"RCPT TO:<z@example.com>", OK),
             (b"RCPT TO:<x@foreign.test>", TOO_MANY),  # the limit comes before the relay check
         ])
-        c = self.greeted(bed, "10.9.1.200", b"<a@example.com>")
+        c = self.greeted(bed, "127.0.1.200", b"<a@example.com>")
         self.assertEqual(c.cmd("RCPT TO:<x@foreign.test>"), OK)
         bed.daemon.wait_log("Relaying denied to foreign.test\n")
         log = bed.daemon.stderr()
@@ -81,11 +81,11 @@ class EnvelopeTest(vb.BedTestCase):
                      "user=bob, password=(null)Error with password file. Skipping line.\n"):
             self.assertIn(line, log)
 
-        bed = self.relay_bed("garbage\n10.9.2.0/33\n10.9.2.0/3\nnot.an.ip/24\n\n10.9.2.0/24\n")
+        bed = self.relay_bed("garbage\n127.0.2.0/33\n127.0.2.0/3\nnot.an.ip/24\n\n127.0.2.0/24\n")
         for source, reply in ((vb.OUTSIDE_SENDER, OK), (vb.DEFAULT_SENDER, DENIED)):
             c = self.greeted(bed, source, b"<a@example.com>")
             self.assertEqual(c.cmd("RCPT TO:<x@foreign.test>"), reply)
-        bed.daemon.wait_log("Adding addr a090200 10.9.2.0 mask ffffff00 index 0\n")
+        bed.daemon.wait_log("Adding addr 7f000200 127.0.2.0 mask ffffff00 index 0\n")
 
         bed = self.relay_bed(None, relay_ips_file="/nonexistent/relay_ips")
         bed.daemon.wait_log("Can't read relay ip file /nonexistent/relay_ips: "

@@ -16,12 +16,12 @@ class LimitsTest(vb.BedTestCase):
         self.assertEqual(idle.read_until_closed(timeout=1), b"")
         self.assertEqual(active.cmd("NOOP"), b"250 OK\r\n")
         bed.daemon.wait_log(f"Idle timeout. Closing connection. sender={vb.DEFAULT_SENDER}("
-                            f"{idle.sock.getsockname()[1]}), receiver=10.9.0.1(25)\n")
+                            f"{idle.sock.getsockname()[1]}), receiver=127.0.0.2(25)\n")
 
     def test_client_beyond_the_limit_is_closed_unanswered_and_the_dump_written_once(self):
         bed = self.start({"max_connections": "5"})
         dump = bed.host_path("/var/support/vigild_dump.txt")
-        clients = [bed.connect(f"10.9.1.{20 + i}") for i in range(5)]
+        clients = [bed.connect(f"127.0.1.{20 + i}") for i in range(5)]
         self.assertEqual(bed.connect(greeting=False).read_until_closed(), b"")
         refused = "New connection refused: max connections(5) reached\n"
         bed.daemon.wait_log(refused)
@@ -32,7 +32,7 @@ class LimitsTest(vb.BedTestCase):
                      "   max_mag_size 20971520 max_rcpt 200 max_errors 5\n"):
             self.assertIn(part, text)
         for i in range(5):
-            self.assertIn(f"sender_addr 10.9.1.{20 + i} receiver_addr 10.9.0.1 ", text)
+            self.assertIn(f"sender_addr 127.0.1.{20 + i} receiver_addr 127.0.0.2 ", text)
         self.assertNotIn("DLOG DUMP", text)  # the connections section only
         dump.unlink()
         # Accepting pauses at the limit: this client waits in the backlog until a
@@ -52,7 +52,7 @@ class LimitsTest(vb.BedTestCase):
         d = bed.start_daemon(wrapper=["prlimit", "--nofile=1024:1024", "setpriv",
                                       "--bounding-set", "-sys_resource"])
         d.wait_log("config.num_fds=1024 max_connections 331\n")
-        held = [bed.connect(f"10.9.1.{1 + i % 250}") for i in range(331)]
+        held = [bed.connect(f"127.0.1.{1 + i % 250}") for i in range(331)]
         self.assertEqual(bed.connect(greeting=False).read_until_closed(), b"")
         d.wait_log("New connection refused: max connections(331) reached\n")
         self.assertEqual(held[-1].cmd("NOOP"), b"250 OK\r\n")

@@ -19,7 +19,7 @@ NEED_MAIL = b"503 Need MAIL before RCPT\r\n"
 
 class SessionTest(vb.BedTestCase):
     def test_one_session_walks_every_session_reply(self):
-        bed = self.start({"max_errors": "20"})
+        bed = self.start({"max_errors": "20", "scan_dir": "/var/no/such/dir"})
         c = bed.connect(vb.OUTSIDE_SENDER)
         self.assertEqual(c.greeting, b"220 local.domain ESMTP\r\n")  # not the host's name
         vb.dialogue(self, c, [
@@ -28,11 +28,11 @@ class SessionTest(vb.BedTestCase):
             (b"HELO", HELO_501), (b"HELO ", HELO_501), (b"HELO client.test\n", HELO_501),
             (b"EHLO", EHLO_501), (b"EHLO   ", EHLO_501),
             (b"AUTH", b"501 AUTH command needs parameter\r\n"),
-            (b"AUTH LOGIN", b"501 authentication type not supported\r\n"),
+            (b"AUTH PLAIN", b"501 authentication type not supported\r\n"),
             (b"MAIL FROM:<a@example.com>", b"553 Need EHLO before MAIL\r\n"),
             (b"HELO  client.test", HELO), (b"HELOX x", HELO), (b"helo a\0b", HELO),
             (b"EHLO\tclient.test", EHLO), (b"MAIL FROM:<a@example.com>", OK),
-            (b"RCPT TO:<b@example.com>", OK), (b"DATA", b"451 Internal Error\r\n"),
+            (b"RCPT TO:<b@example.com>", OK), (b"DATA", b"451 Couldn't open temporary file\r\n"),
             (b"RCPT TO:<c@example.com>", OK),  # a refused DATA keeps the envelope
             (b"EHLO", EHLO_501), (b"RCPT TO:<b@example.com>", NEED_MAIL),  # bare EHLO drops it
             (b"EHLO client.test", EHLO), (b"MAIL FROM:<a@example.com>", OK),
@@ -61,7 +61,7 @@ class SessionTest(vb.BedTestCase):
         log = d.stderr()
         self.assertIn("accepted new conn. current conn: 0\n", log)
         self.assertIn("HELO domain = client.test\n", log)
-        self.assertIn(" response to DATA: 451 Internal Error\n", log)
+        self.assertIn(" response to DATA: 451 Couldn't open temporary file\n", log)
 
     def test_sixth_error_is_answered_then_the_connection_closes(self):
         bed = self.start({"my_domain": "mx.example.test", "greeting": "Hello there",
@@ -76,7 +76,7 @@ class SessionTest(vb.BedTestCase):
                            (b"RCPTX TO:<b@example.com>", b"500 malformed rcpt command\r\n")])
         c.send(b"\xff\xfe\r\nNOOP\r\n")
         self.assertEqual(c.read_until_closed(), UNKNOWN)
-        bed.daemon.wait_log("Too many sender errors. Closing connection (sender=10.9.1.10:")
+        bed.daemon.wait_log("Too many sender errors. Closing connection (sender=127.0.1.10:")
         long_lines = (b"X" * 2100 + b"\r\n") * 7
         for batch, replies in ((b"BOGUS\r\n" * 8, UNKNOWN * 6), (long_lines, LONG * 6),
                                (b"NOOP", LONG)):  # a partial line, then a half-close
@@ -109,7 +109,7 @@ class SessionTest(vb.BedTestCase):
         for batch in range(60):
             held = []
             for i in range(50):
-                s = bed.raw_connect(f"10.9.{1 + i % 2}.{1 + batch}")
+                s = bed.raw_connect(f"127.0.{1 + i % 2}.{1 + batch}")
                 if i % 4 == 0:  # gone before the daemon may even have accepted it
                     s.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger0)
                     s.close()
@@ -117,7 +117,8 @@ class SessionTest(vb.BedTestCase):
                 held.append((i % 4, vb.SmtpClient(s)))
                 self.assertEqual(held[-1][1].read_reply(), b"220 local.domain ESMTP\r\n")
             for kind, c in held:
-                if kind == 1:
+                if kind == 1:  # replies it will never read: writing them fails
+                    c.send(b"EHLO x\r\nNOOP\r\n" * 200)
                     c.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger0)
                 elif kind == 2:
                     c.send(b"RCPT TO:<partial")

@@ -1,7 +1,7 @@
 """Runs the real vigild in a loopback-only network namespace behind a genuine NAT redirection:
-clients bind 10.9.1.0/24 or 10.9.2.0/24 and connect to the backend, 10.9.0.1:25; iptables
-REDIRECTs them to the proxy, which reads 10.9.0.1:25 back with SO_ORIGINAL_DST and connects
-from 10.9.0.1. The daemon runs under unshare -m with <bed root>/var bound over /var.
+clients bind 127.0.1.0/24 or 127.0.2.0/24 and connect to the backend, 127.0.0.2:25; iptables
+REDIRECTs them to the proxy, which reads 127.0.0.2:25 back with SO_ORIGINAL_DST and connects
+there from an address outside the sender networks. The daemon runs under unshare -m with <bed root>/var bound over /var.
 
 API: BedTestCase.start(settings, **Bed.start_daemon args) -> Bed; .make_bed() -> Bed.
 Bed: .connect(source, greeting=True) -> SmtpClient (.cmd(line) -> reply bytes, .send(),
@@ -17,8 +17,8 @@ import ctypes, itertools, os, resource, shutil, signal, socket, subprocess  # no
 import sys, tempfile, threading, time, types, unittest  # noqa: E401
 from pathlib import Path
 
-BACKEND_ADDR, BACKEND_PORT, LISTEN_PORT = "10.9.0.1", 25, 2525
-DEFAULT_SENDER, OUTSIDE_SENDER = "10.9.1.10", "10.9.2.10"
+BACKEND_ADDR, BACKEND_PORT, LISTEN_PORT = "127.0.0.2", 25, 2525
+DEFAULT_SENDER, OUTSIDE_SENDER = "127.0.1.10", "127.0.2.10"
 SCANNERD_KEYS = {"scan_dir", "spam_tag", "spam_plus_tag", "scanner_addr"}  # the common file's
 # Stay root (the default user would only warn), connect plainly (this kernel has no
 # transparent-proxy option), listen where the NAT rule points.
@@ -76,9 +76,8 @@ class NetNS:
         self._fd = os.open(f"/run/netns/{self.name}", os.O_RDONLY)
         try:
             self.exec(["ip", "link", "set", "lo", "up"])
-            self.exec(["ip", "addr", "add", f"{BACKEND_ADDR}/32", "dev", "lo"])
-            for net in ("10.9.1.0/24", "10.9.2.0/24"):
-                self.exec(["ip", "route", "add", "local", net, "dev", "lo"])
+            # The whole of 127.0.0.0/8 is local on lo: no addresses to add.
+            for net in ("127.0.1.0/24", "127.0.2.0/24"):
                 self.exec(["iptables", "-t", "nat", "-A", "OUTPUT", "-p", "tcp", "-s", net, "-d",
                            BACKEND_ADDR, "--dport", str(BACKEND_PORT), "-j", "REDIRECT",
                            "--to-ports", str(listen_port)])
@@ -306,7 +305,10 @@ class FakeBackend:
                             return
                         body += piece
                     self._note(session.messages, body)
-                    conn.sendall(self.replies["DOT"])
+                    dot = self.replies["DOT"]
+                    if (dot := dot(piece) if callable(dot) else dot) is None:
+                        break
+                    conn.sendall(dot)
                 elif verb == "QUIT":
                     break
         except OSError:

@@ -22,6 +22,15 @@ inline std::string read_to_eof(int fd) {  // or, when non-blocking, until it has
   return out;
 }
 
+inline std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 struct TempDir {  // removed with everything in it at the end
   std::string path = [] {
     char tmpl[] = "/tmp/vigild_test.XXXXXX";

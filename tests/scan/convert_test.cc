@@ -49,7 +49,7 @@ TEST(StuffFile, OneMoreDotOnlyAtLineStarts) {
     EXPECT_EQ(slurp(out), want) << label;
     EXPECT_EQ(take(destuff_file(msg.c_str())), in.ends_with('\n') || in.empty() ? in : in + "\r\n")
         << label;
-    EXPECT_EQ(entries(dir.path()), 3) << label << ": a copy was left behind";
+    EXPECT_EQ(entries(dir.path), 3) << label << ": a copy was left behind";
   }
 }
 
@@ -72,7 +72,7 @@ TEST(DechunkFile, MalformedInputGivesNoCopy) {
     TempDir dir;
     long fds = entries("/proc/self/fd");
     EXPECT_EQ(take(dechunk_file(dir.write("msg", in).c_str())), want) << label;
-    EXPECT_EQ(entries(dir.path()), 1) << label << ": a copy was left behind";
+    EXPECT_EQ(entries(dir.path), 1) << label << ": a copy was left behind";
     EXPECT_EQ(entries("/proc/self/fd"), fds) << label;
   }
 }
@@ -102,7 +102,7 @@ TEST(Convert, DestuffStopsAtTheTerminatorAndNoSourceGivesNoCopy) {
   EXPECT_EQ(stuff_file((none + "/msg").c_str(), fd), -1);
   EXPECT_EQ(close(fd), 0);
   EXPECT_EQ(slurp(msg), ".a\r\n");
-  EXPECT_EQ(entries(dir.path()), 2);
+  EXPECT_EQ(entries(dir.path), 2);
 }
 
 }  // namespace

@@ -24,8 +24,8 @@ struct Spool {
   foundation_test::TempDir temp, local, work;
   Connection conn{};
   explicit Spool(const std::string& scan) {
-    config_set_string(&config.mailer_temp_dir, temp.path().c_str());
-    config_set_string(&config.mailer_local_dir, local.path().c_str());
+    config_set_string(&config.mailer_temp_dir, temp.path.c_str());
+    config_set_string(&config.mailer_local_dir, local.path.c_str());
     conn.from = dstr_from_cstr("s@example.org");
     conn.scan_file_name = dstr_from_cstr(work.write("scan", scan).c_str());
     conn.scan_file = fopen(conn.scan_file_name->data, "r");
@@ -36,7 +36,7 @@ struct Spool {
   }
   // The one file in the local spool; "" when there is none.
   std::string delivered() {
-    std::filesystem::directory_iterator it(local.path());
+    std::filesystem::directory_iterator it(local.path);
     return it == decltype(it)() ? "" : it->path().filename().string();
   }
 };
@@ -111,10 +111,10 @@ TEST(SendDsn, NumbersWrapAfter256AndFailuresUseNone) {
   EXPECT_NE(logged([&] { send_dsn(&spool.conn); }).find("send_dsn: cannot open mail file "),
             std::string::npos);
   EXPECT_EQ(spool.delivered(), "");
-  config_set_string(&config.mailer_temp_dir, spool.temp.path().c_str());
+  config_set_string(&config.mailer_temp_dir, spool.temp.path.c_str());
   send_dsn(&spool.conn);
   EXPECT_EQ(spool.delivered(), name_for(1));
-  EXPECT_TRUE(std::filesystem::is_empty(spool.temp.path()));
+  EXPECT_TRUE(std::filesystem::is_empty(spool.temp.path));
 }
 
 }  // namespace

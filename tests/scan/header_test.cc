@@ -59,12 +59,12 @@ TEST(Rfc822Tag, TagsFirstFieldOrAddsItWithoutLosingBytes) {
     std::string path = dir.write("msg", in);
     EXPECT_EQ(rfc822_tag("subject:", tag, path.c_str()), result) << label;
     EXPECT_EQ(slurp(path), want) << label;
-    auto files = std::filesystem::directory_iterator(dir.path());
+    auto files = std::filesystem::directory_iterator(dir.path);
     EXPECT_EQ(std::distance(files, {}), 1) << label << ": a copy was left behind";
   }
   TempDir dir;
   EXPECT_EQ(rfc822_tag("subject:", "T", dir.file("missing").c_str()), -1);
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include "smtp/backend.h"
 
-#include "tests/smtp/smtp_test_support.h"
+#include <gtest/gtest.h>
 
 namespace {
 
