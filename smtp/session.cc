@@ -51,9 +51,12 @@ int hello(const DynString* line, Connection* conn, bool ehlo) {
     smtp_reply(conn, response);
     dlog(DLOG_SMTP, 4, ehlo ? "%p, response to EHLO: %s" : "%p, response to HELO: %s", ptr(conn),
          response);
+    // A reply that could not be written has closed the connection, and with
+    // it freed helo_domain.
+    if (conn->closed) return 1;
     dlog(DLOG_SMTP, 9, ehlo ? "EHLO domain = \"%s\"\n" : "HELO domain = %s\n",
          conn->helo_domain->data);
-    return conn->closed;
+    return 0;
   }
   dlog(DLOG_SMTP, 9, ehlo ? "EHLO domain is null.\n" : "HELO domain is null.\n");
   smtp_reply(conn, missing_reply);
