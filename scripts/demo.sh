@@ -90,7 +90,7 @@ section "Starting smtp-sink on $BACKEND:25, the fake scanners, and vigild on por
 ip netns exec "$NS" "$SINK" -u nobody -d "$ROOT/sink/%M." "$BACKEND:25" 128 \
   >"$ROOT/sink.log" 2>&1 &
 PIDS="$PIDS $!"
-"$PY" tests/e2e/scanners.py "$ROOT/var/lib/norvik/as.sock" \
+"$PY" scripts/demo_scanners.py "$ROOT/var/lib/norvik/as.sock" \
   "$ROOT/var/lib/norvik/scannerd.sock" spammer@=3 >"$ROOT/scanners.log" 2>&1 &
 PIDS="$PIDS $!"
 ip netns exec "$NS" unshare -m --propagation private \

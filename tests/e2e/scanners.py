@@ -164,27 +164,3 @@ class FakeVirusScanner(_FakeServer):
         name = b" " + a.name.encode() if a.name else b""
         return b"%s %#x%s\n" % (num, a.verdict, name)
 
-
-def main(argv):
-    """scanners.py AS_PATH VS_PATH [WORD=VERDICT ...]: both fakes until SIGTERM,
-    printing every request; an anti-spam request holding WORD gets VERDICT."""
-    import signal
-    verdicts = {w: int(v, 0) for w, v in (a.split("=", 1) for a in argv[2:])}
-
-    def spam(line):
-        print("anti-spam request:", line, flush=True)
-        return next((v for w, v in verdicts.items() if w in line), None)
-
-    def virus(line):
-        print("virus scan request:", line.replace("\t", " | "), flush=True)
-
-    fakes = [FakeAntiSpam(argv[0], spam), FakeVirusScanner(argv[1], virus)]
-    signal.signal(signal.SIGTERM, lambda *_: None)
-    signal.pause()
-    for fake in fakes:
-        fake.stop()
-
-
-if __name__ == "__main__":
-    import sys
-    main(sys.argv[1:])

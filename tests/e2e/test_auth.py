@@ -1,7 +1,6 @@
 """AUTH LOGIN towards the sender: local checks against crypt hashes, and pass-through."""
 
 import ctypes
-import unittest
 
 import vigil_bed as vb
 
@@ -50,7 +49,3 @@ class AuthTest(vb.BedTestCase):
         self.assertEqual(c.cmd("AUTH LOGIN YWxpY2U="), PASS)
         self.assertEqual(c.cmd("!!not base64!!"), ACCEPTED)
         self.assertEqual(c.cmd("NOOP"), OK)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -27,7 +27,7 @@ class LimitsTest(vb.BedTestCase):
         bed.daemon.wait_log(refused)
         text = vb.wait_until(lambda: dump.exists() and dump.read_text().count("\nerrors ") == 5 and
                              dump.read_text(), 10, "the refusal dump")
-        self.assertTrue(text.startswith(f"config: listen_addr 00000000 listen port 2525\n"))
+        self.assertTrue(text.startswith("config: listen_addr 00000000 listen port 2525\n"))
         for part in ("   idle_timeout 300  max_connections 5\n", "    num_connections 5\n",
                      "   max_mag_size 20971520 max_rcpt 200 max_errors 5\n"):
             self.assertIn(part, text)

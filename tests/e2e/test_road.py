@@ -104,7 +104,6 @@ class VerdictTest(RoadCase):
                 if subject is not None:
                     relayed += 1
                     self.assertIn(b"\r\n" + subject + b"\r\n", self.relayed(relayed)[-1])
-        self.assertEqual(len(self.relayed(relayed)) if relayed else 0, relayed)
         c.cmd("QUIT")  # refused messages keep their scan file until the next transaction
         self.scan_dir_empty()
 
@@ -184,13 +183,11 @@ class BodyRulesTest(RoadCase):
 
 class DisconnectTest(RoadCase):
     def test_sender_leaving_at_every_stage_leaves_nothing_behind(self):
-        # The sender's descriptor is not watched while its message is scanned:
-        # its departure is seen when the verdict gives the dialogue back.
         hold, gate = threading.Event(), threading.Event()
         self.addCleanup(hold.set)
         self.addCleanup(gate.set)
         self.road({"as_connections": "1"},
-                  virus=lambda line: gate.wait(20) and 0x2 if "<hold>" in line else None)
+                  virus=lambda line: gate.wait(20) and 0x2 if "<hold>" in line else None)  # late
         self.backend.replies["DOT"] = lambda line: hold.wait(20) and None
         base = self.bed.daemon.quiet_fd_count()
 
