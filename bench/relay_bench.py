@@ -212,7 +212,7 @@ class Bench:
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--vigild", default=str(REPO / "build-bench" / "vigild"))
-    ap.add_argument("--repeat", type=int, default=3, help="runs per figure; the median is shown")
+    ap.add_argument("--repeat", type=int, default=5, help="runs per figure; the median is shown")
     ap.add_argument("--scale", type=float, default=1.0, help="multiplies the message counts")
     ap.add_argument("--paths", default="direct,socat,off,on")
     ap.add_argument("--perf", metavar="DIR", help="perf record the daemon in every run, into DIR")
@@ -238,6 +238,7 @@ def main():
         head = ["size", "senders"] + [f"{p} msg/s" for p in paths] + \
             [f"{p}/direct" for p in paths if p != "direct" and "direct" in paths] + \
             [f"{p} CPU ms/msg" for p in paths if p in ("off", "on")]
+        print(f"load average at the start: {os.getloadavg()[0]:.2f}; medians of {args.repeat} runs")
         print("| " + " | ".join(head) + " |\n|" + "---|" * len(head), flush=True)
         for label, size, n1, n10 in SIZES:
             for senders, n in ((1, n1), (10, n10)):
@@ -259,8 +260,10 @@ def main():
                         cpus[p].append(cpu)
                 med = {p: statistics.median(rates[p]) for p in paths}
                 row = [label, str(senders)] + [f"{med[p]:.0f}" for p in paths]
-                row += [f"{med[p] / med['direct']:.2f}" for p in paths
-                        if p != "direct" and "direct" in paths]
+                # Each ratio is taken within one repeat, whose runs were back to back.
+                ratio = {p: statistics.median(map(float.__truediv__, rates[p], rates["direct"]))
+                         for p in paths if p != "direct" and "direct" in paths}
+                row += [f"{r:.2f}" for r in ratio.values()]
                 row += [f"{statistics.median(cpus[p]):.3f}" for p in paths if p in ("off", "on")]
                 print("| " + " | ".join(row) + " |", flush=True)
     finally:
