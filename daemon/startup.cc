@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "control/control.h"
 #include "daemon/signals.h"
 #include "daemon/util.h"
 #include "daemon/vigild.h"
@@ -16,6 +17,8 @@
 #include "foundation/dump.h"
 #include "foundation/text.h"
 #include "net/tproxy.h"
+#include "scan/spam.h"
+#include "scan/vscan.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 
@@ -51,19 +54,6 @@ void pre_init() {
   timer_init();
 }
 
-// Steps that belong to the scanner clients and the control socket, which are
-// not part of this build yet: each logs that it is absent so an operator
-// reading the start-up log is not misled.
-void virus_scanner_client_init() {
-  dlog(DLOG_MAIN, 3, "Virus scanner client not available in this build\n");
-}
-void anti_spam_client_init() {
-  dlog(DLOG_MAIN, 3, "Anti-spam client not available in this build\n");
-}
-void control_socket_init() {
-  dlog(DLOG_MAIN, 3, "Control socket not available in this build\n");
-}
-void control_socket_close() {}
 
 void proxy_init(const char* common_file, const char* proxy_file) {
   config_clear_lists();
@@ -94,11 +84,14 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   listen_fd = make_listen_socket(&address, config.listen_backlog);
   if (listen_fd < 0) fatal_exit("Can't initialize listen fd. %m\n");
 
-  virus_scanner_client_init();
+  // A dump runs its sections newest registration first, so this order puts
+  // the connections before the virus scanner client and both before the
+  // event loop, the timers, the signals and the log registered earlier.
+  vs_init(config.scanner_addr, 1);
   set_user_group(config.user, config.group);
   smtp_init_listener();
-  anti_spam_client_init();
-  control_socket_init();
+  spam_init(config.as_socket_path, config.as_connections);
+  ctrl_fd = ctrl_init(config.ctrl_socket_path, ctrl_read_handler);
 }
 
 }  // namespace
@@ -147,7 +140,8 @@ void parse_args(int argc, char** argv) {
 }
 
 void proxy_shutdown(int status) {
-  control_socket_close();
+  ctrl_close(ctrl_fd, config.ctrl_socket_path);
+  ctrl_fd = -1;
   if (listen_fd >= 0) {
     comm_clear_fd(listen_fd, 3);
     close(listen_fd);
@@ -155,6 +149,10 @@ void proxy_shutdown(int status) {
   }
   smtp_close_all();
   free_closed_connections();
+  // After the connections: any scan request one of them still held is freed
+  // here with the clients' sockets and timers, and nothing refers to it.
+  vs_shutdown();
+  spam_shutdown();
   if (config.scan_dir != nullptr) cleanup_scan_dir(config.scan_dir, config.scan_prefix);
   exit(status);
 }

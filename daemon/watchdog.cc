@@ -90,7 +90,8 @@ int check_previous(const char* pid_file) {
   int pid = 0;
   if (fscanf(f, "%d", &pid) != 1) pid = 0;
   fclose(f);
-  if (pid != 0 && kill(pid, 0) == 0) {
+  // kill() with 0 or a negative number would probe a whole process group.
+  if (pid > 0 && kill(pid, 0) == 0) {
     dlog(DLOG_WATCHDOG, 1, "Previously existing process found: pid %d\n", pid);
     return 1;
   }

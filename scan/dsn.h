@@ -7,6 +7,8 @@
 #include "smtp/smtp.h"
 
 // Writes one notification to conn->from listing conn->failed_rcpts, with the
-// scan file attached when it is smaller than max_msg_size. Failures are
-// logged; the relay of the message itself is never affected.
+// scan file attached when it is smaller than max_msg_size. A message from the
+// null sender gets none. Failures are logged and a file that could not be
+// written completely is removed; the relay of the message itself is never
+// affected.
 void send_dsn(Connection* conn);

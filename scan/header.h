@@ -14,6 +14,8 @@ char* header_field_value(const char* field, const char* file_name);
 char* rfc822_date(const time_t* time);
 
 // Puts tag in front of the field's value, or adds the field when the header
-// lacks it. 1: tag null or field added; 0: tagged, already tagged, or no end
-// of header; -1: file unreadable or the tagged copy not moved into place.
+// lacks it, through a copy renamed over the file (mode 0600 afterwards).
+// 1: tag null or field added; 0: tagged, already tagged, or no end of header;
+// -1: file unreadable, or the copy not written or not moved into place (the
+// file is unchanged). Failing to create the copy is fatal.
 int rfc822_tag(const char* field, const char* tag, const char* file_name);

@@ -108,7 +108,8 @@ void reuse_backend(Connection* conn) {
   const char* from = conn->from != nullptr ? conn->from->data : "";
   char* command = nullptr;
   int n = xasprintf(&command, "MAIL FROM:<%s>\r\n", from);
-  if (comm_write(conn->receiver_fd, command, n, generic_be_write_callback, conn, free) != 0) {
+  // xasprintf counts the NUL, which must not reach the backend.
+  if (comm_write(conn->receiver_fd, command, n - 1, generic_be_write_callback, conn, free) != 0) {
     close_connection(conn);
     return;
   }

@@ -30,3 +30,6 @@ void vscan_cancel(VscanRequest* request);
 void vs_dump(FILE* stream);
 // Shutdown: closes the connection and frees the queue without answering it.
 void vs_shutdown();
+
+// For tests only: the number the next request takes.
+void vs_set_next_num(uint32_t num);

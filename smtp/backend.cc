@@ -1,12 +1,207 @@
+// The backend connection of a Connection: the connect (plain, or from the
+// sender's own address in transparent mode), the reply reader, the
+// completion handlers of everything written to the backend, the message-file
+// send, the NOOP keep-alive and the teardown.
 #include "smtp/backend.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+
+#include "foundation/dlog.h"
+#include "foundation/fd.h"
+#include "net/route.h"
+#include "net/tproxy.h"
+#include "scan/convert.h"
+#include "scan/spam.h"
+#include "scan/vscan.h"
+#include "smtp/config.h"
+
+namespace {
+
+constexpr int RECEIVER_READ_SIZE = 2000;
+constexpr int REPLY_LINE_MAX = 2000;
+
+void* ptr(Connection* conn) {
+  return static_cast<void*>(conn);
+}
+
+struct Dotted {
+  explicit Dotted(in_addr a) {
+    if (inet_ntop(AF_INET, &a, text, sizeof text) == nullptr) snprintf(text, sizeof text, "?");
+  }
+  char text[INET_ADDRSTRLEN];
+};
+
+int port_of(const sockaddr_in& a) {
+  return ntohs(a.sin_port);
+}
+
+// After a failure that leaves the sender connection usable: tell the sender
+// and read its commands again, so it can start over or QUIT.
+void reply_and_resume(Connection* conn, const char* text) {
+  if (!smtp_reply(conn, text) || conn->closed) return;
+  comm_read(conn->sender_fd, command_handler, conn);
+}
+
+void start_failed(Connection* conn) {
+  close_backend(conn);
+  if (!conn->closed) reply_and_resume(conn, "451 Internal Error\r\n");
+}
+
+// Binds the backend socket so that the backend sees the sender's address.
+// False when the start has failed and been dealt with. A refused association
+// closes the whole connection without a reply: the kernel has no pairing for
+// this sender, so the backend would see the wrong address.
+bool bind_transparent(Connection* conn) {
+  int fd = conn->receiver_fd;
+  sockaddr_in* local = &conn->my_receiver_addr;
+  *local = sockaddr_in{};
+  if (tproxy_ctl_get(fd, &conn->sender_addr, &conn->receiver_addr, local) != 0) {
+    dlog(DLOG_SMTP, 9, "Could not get Bind IP\n");
+    local->sin_addr.s_addr = route_lookup(local->sin_addr.s_addr);
+  }
+  int r = bind_local(fd, local);
+  if (r == EADDRINUSE || r == EADDRNOTAVAIL) {
+    local->sin_addr.s_addr = route_lookup(local->sin_addr.s_addr);
+    dlog(DLOG_SMTP, 9, "Reconnecting with my_server_addr=%s, port=%d, %p\n",
+         Dotted(local->sin_addr).text, port_of(conn->receiver_addr), ptr(conn));
+    if (bind_local(fd, local) != 0) {
+      dlog(DLOG_SMTP, 1, "Couldn't bind: %m\n");
+      start_failed(conn);
+      return false;
+    }
+  }
+  if (tproxy_ctl_set(fd, conn->sender_fd, &conn->sender_addr, &conn->receiver_addr, local) != 0) {
+    dlog(DLOG_SMTP, 1, "Couldn't setup association. Connection reset by peer\n");
+    close_connection(conn);
+    return false;
+  }
+  return true;
+}
+
+// Steps 2-6 of both write completions: a failed write ends the backend side
+// and the sender is told; the sender connection itself stays.
+void backend_write_done(int error, Connection* conn) {
+  if (conn == nullptr || conn->closed || error == 0) return;
+  dlog(DLOG_SMTP, 3, "Write to backend(%s:%d) error. Closing: %m\n",
+       Dotted(conn->receiver_addr.sin_addr).text, port_of(conn->receiver_addr));
+  close_backend(conn);
+  if (conn->closed) return;
+  if (!smtp_reply(conn, "451 Internal Error\r\n")) return;
+  dlog(DLOG_SMTP, 4, "%p, response to sender due to backend write failure: 451 Internal Error\n",
+       ptr(conn));
+  if (!conn->closed) comm_read(conn->sender_fd, command_handler, conn);
+}
+
+}  // namespace
+
+void backend_start(Connection* conn) {
+  dlog(DLOG_SMTP, 5, "backend_start on connection %p\n", ptr(conn));
+  int fd = conn->receiver_fd = socket(AF_INET, SOCK_STREAM, 0);
+  if (fd == -1) {
+    dlog(DLOG_SMTP, 1, "Can't create receiver socket: %m\n");
+    start_failed(conn);
+    return;
+  }
+  if (set_nonblock(fd) != 0) {
+    dlog(DLOG_SMTP, 1, "Can't create nonblock receiver socket: %m\n");
+    start_failed(conn);
+    return;
+  }
+  if (set_nodelay(fd) != 0) {
+    dlog(DLOG_SMTP, 1, "Can't nodelay receiver socket: %m\n");
+    start_failed(conn);
+    return;
+  }
+  dlog(DLOG_SMTP, 9, "address_transparent=%d\n", config.address_transparent ? 1 : 0);
+  if (config.address_transparent && !bind_transparent(conn)) return;
+  dlog(DLOG_SMTP, 9, "Connecting to backend\n");
+  // The sender's envelope commands wait (501) until the greeting is accepted.
+  conn->transaction_pending = true;
+  conn->be_connect = comm_connect(fd, reinterpret_cast<const sockaddr*>(&conn->receiver_addr),
+                                  sizeof conn->receiver_addr, be_connected, conn);
+  if (conn->be_connect == nullptr) {
+    dlog(DLOG_SMTP, 1, "Couldn't connect: %m\n");
+    start_failed(conn);
+  }
+}
+
+void be_connected(int fd, int error, void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  if (conn == nullptr || conn->closed) return;
+  conn->be_connect = nullptr;
+  if (error != 0) {
+    conn->transaction_pending = false;
+    dlog(DLOG_SMTP, 3, "Backend connect error, %m.backend=%s(%d), sender=%s(%d)\n",
+         Dotted(conn->receiver_addr.sin_addr).text, port_of(conn->receiver_addr),
+         Dotted(conn->sender_addr.sin_addr).text, port_of(conn->sender_addr));
+    close_backend(conn);
+    if (!conn->closed) reply_and_resume(conn, "451 Internal Error\r\n");
+    return;
+  }
+  conn->receiver_stream = lstream_open(conn->receiver_fd, read, RECEIVER_READ_SIZE);
+  if (conn->receiver_stream == nullptr) {
+    dlog(DLOG_SMTP, 1, "Can not open receiver stream: %m\n");
+    close_connection(conn);
+    return;
+  }
+  conn->be_state = BE_INIT;
+  socklen_t len = sizeof conn->my_receiver_addr;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&conn->my_receiver_addr), &len) != 0) {
+    dlog(DLOG_SMTP, 1, "getsockname failed: %m\n");
+    close_connection(conn);
+    return;
+  }
+  // The greeting is the first line the dialogue sees.
+  comm_read(conn->receiver_fd, response_handler, conn);
+}
+
+void response_handler(int fd, void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  if (conn == nullptr || conn->closed) {
+    dlog(DLOG_SMTP, 3, "response_handler: connection was closed\n");
+    return;
+  }
+  // A QUIT from the sender arms this handler also while the connect is
+  // still pending; there is no stream to read then, and the close follows.
+  if (conn->receiver_stream == nullptr) return;
+  // Every whole line already buffered is handled now, in order: the read
+  // handler is one-shot and the socket may not become readable again.
+  for (;;) {
+    command_line->length = 0;
+    command_line->data[0] = '\0';
+    errno = 0;
+    int r = lstream_readline(command_line, conn->receiver_stream, '\n', REPLY_LINE_MAX);
+    if (r == -1) {
+      if (is_transient_errno(errno)) {
+        comm_read(fd, response_handler, conn);
+        return;
+      }
+      dlog(DLOG_SMTP, 3, "Backend read error: %m");
+      be_problem(conn, command_line);
+      return;
+    }
+    if (command_line->length == 0) {
+      dlog(DLOG_SMTP, 3, "Backend closed connection\n");
+      be_problem(conn, command_line);
+      return;
+    }
+    if (be_handle_line(conn, command_line) != 0 || conn->closed) return;
+    // The dialogue may have torn the backend down while going on (a file
+    // send that failed in its own completion); nothing is left to read then.
+    if (conn->receiver_stream == nullptr) return;
+  }
+}
 
 void close_backend(Connection* conn) {
   conn->be_state = BE_INIT;
   conn->be_pipelining = false;
+  conn->noops_pending = 0;
   conn->transaction_pending = false;
   if (conn->be_connect != nullptr) comm_connect_abort(conn->be_connect);
   conn->be_connect = nullptr;
@@ -14,6 +209,8 @@ void close_backend(Connection* conn) {
   conn->receiver_stream = nullptr;
   if (conn->receiver_fd != -1) {
     // Handlers go before the descriptor, so none can run on a reused number.
+    // Queued writes are dropped unannounced: their handlers would only tear
+    // down this backend side again.
     comm_clear_read(conn->receiver_fd);
     comm_clear_write(conn->receiver_fd, 0);
     close(conn->receiver_fd);
@@ -28,6 +225,71 @@ void close_backend(Connection* conn) {
     dstr_free(conn->scan_file_name);
     conn->scan_file_name = nullptr;
   }
+  if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
+  conn->spam_request = nullptr;
+  if (conn->vs_request != nullptr) vscan_cancel(conn->vs_request);
+  conn->vs_request = nullptr;
   if (conn->noop_timer != nullptr) timer_cancel(conn->noop_timer);
   conn->noop_timer = nullptr;
+}
+
+int be_send_file(Connection* conn) {
+  if (conn->closed) return 1;
+  // A large file may take longer than the idle time-out to go out; the
+  // file's completion arms the timer again.
+  if (conn->idle_timer != nullptr) timer_cancel(conn->idle_timer);
+  conn->idle_timer = nullptr;
+  dlog(DLOG_SMTP, 9, "Sending file to backend: fd %d\n", conn->receiver_fd);
+  if (conn->scan_file == nullptr || conn->scan_file_name == nullptr) return 1;
+  if (conn->unstuffed) {
+    // stuff_file takes a descriptor and closes it on success: give it a
+    // duplicate and drop the stream first, so no descriptor is closed twice
+    // (a second close could hit a number the loop has handed out again).
+    int fd = dup(fileno(conn->scan_file));
+    fclose(conn->scan_file);
+    conn->scan_file = nullptr;
+    if (fd < 0) return 1;
+    if (stuff_file(conn->scan_file_name->data, fd) != 0) {
+      close(fd);
+      return 1;
+    }
+    conn->scan_file = fopen(conn->scan_file_name->data, "r");
+    if (conn->scan_file == nullptr) return 1;
+  } else if (fwrite(".\r\n", 1, 3, conn->scan_file) != 3 || fflush(conn->scan_file) != 0) {
+    // Without its final dot the backend would wait for more of the message.
+    return 1;
+  }
+  if (comm_write_file(conn->receiver_fd, fileno(conn->scan_file), be_write_file_callback, conn) !=
+      0) {
+    close_connection(conn);
+    return 1;
+  }
+  return 0;
+}
+
+void generic_be_write_callback(int fd, int error, void* data) {
+  dlog(DLOG_SMTP, 9, "generic_be_write_callback: fd %d\n", fd);
+  backend_write_done(error, static_cast<Connection*>(data));
+}
+
+void be_write_file_callback(int fd, int error, void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  dlog(DLOG_SMTP, 9, "be_write_file_callback: fd %d\n", fd);
+  if (conn == nullptr || conn->closed) return;
+  reset_idle_timer(conn);
+  backend_write_done(error, conn);
+}
+
+void be_send_noop(void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  if (conn == nullptr) return;
+  conn->noop_timer = nullptr;  // fired: the timer module frees it
+  if (conn->closed || conn->receiver_fd == -1) return;
+  dlog(DLOG_SMTP, 9, "sending NOOP to backend\n");
+  if (comm_write(conn->receiver_fd, "NOOP\r\n", 6, generic_be_write_callback, conn, nullptr) != 0) {
+    close_connection(conn);
+    return;
+  }
+  conn->noops_pending += 1;
+  conn->noop_timer = timer_add(config.noop_interval, be_send_noop, conn);
 }

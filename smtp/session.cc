@@ -4,6 +4,7 @@
 
 #include "foundation/dlog.h"
 #include "foundation/fatal.h"
+#include "smtp/backend.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 
@@ -63,6 +64,17 @@ int hello(const DynString* line, Connection* conn, bool ehlo) {
 }  // namespace
 
 int smtp_quit(const DynString*, Connection* conn) {
+  if (conn->receiver_fd != -1) {
+    // Passed on without a completion handler: the connection, backend
+    // included, is closed with the 221 below, so the answer is not awaited.
+    if (comm_write(conn->receiver_fd, "QUIT\r\n", 6, nullptr, nullptr, nullptr) != 0) {
+      close_connection(conn);
+      return 1;
+    }
+    dlog(DLOG_SMTP, 5, "sent backend QUIT command\n");
+    conn->be_state = BE_QUIT;
+    comm_read(conn->receiver_fd, response_handler, conn);
+  }
   // The reply's completion closes the connection; when the write goes out at
   // once that happens before comm_write returns, so its result tells nothing.
   comm_write(conn->sender_fd, "221 Goodbye.\r\n", 14, quit_callback, conn, nullptr);
@@ -92,6 +104,19 @@ int smtp_rset(const DynString* line, Connection* conn) {
   if (conn->transaction_pending) {
     smtp_reply(conn, "501 Mail transaction pending\r\n");
     return conn->closed;
+  }
+  if (conn->receiver_fd != -1) {
+    // The backend's own answer goes to the sender; the dialogue resets the
+    // envelope and reads the sender's commands again.
+    if (comm_write(conn->receiver_fd, "RSET\r\n", 6, generic_be_write_callback, conn, nullptr) !=
+        0) {
+      close_connection(conn);
+      return 1;
+    }
+    dlog(DLOG_SMTP, 4, "%p, sent RSET to backend, waiting for response.\n", ptr(conn));
+    conn->be_state = BE_RSET;
+    comm_read(conn->receiver_fd, response_handler, conn);
+    return 1;
   }
   reset_transaction(conn);
   dlog(DLOG_SMTP, 4, "%p, response to RSET: %s\n", ptr(conn), "250 OK\r\n");

@@ -55,6 +55,7 @@ struct Connection {
   int be_state;
   bool can_relay;
   bool be_pipelining;
+  int noops_pending;  // keep-alive NOOPs whose reply has not come yet
   bool newline;
   bool closed;  // set once, on entry to close_connection
   bool unstuffed;

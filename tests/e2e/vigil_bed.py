@@ -433,7 +433,8 @@ class FakeBackend:
     taking the command line and returning bytes; "AUTH" maps to a list of
     replies given one per line of the AUTH dialogue; "DOT" is the reply to the
     end of a message; "UNKNOWN" answers anything else. A reply of None makes
-    the server close the connection without answering.
+    the server close the connection without answering; a greeting of None
+    makes it close every connection at once.
     """
 
     DEFAULT_REPLIES = {
@@ -502,6 +503,8 @@ class FakeBackend:
         f = conn.makefile("rb")
         auth_steps = []
         try:
+            if self.greeting is None:
+                return
             conn.sendall(self.greeting)
             while True:
                 line = f.readline(10000)

@@ -46,7 +46,7 @@ TEST_F(SmtpTest, EachLineGetsItsReply) {
       {"ehlo client.test", EHLO_OK},
       {"EHLO   ", "501 EHLO requires a domain address\r\n"},
       {"AUTH", "501 AUTH command needs parameter\r\n"},
-      {"AUTH LOGIN", "501 authentication type not supported\r\n"},
+      {"AUTH PLAIN", "501 authentication type not supported\r\n"},
       {"DATA", "503 Need RCPT\r\n"},
       {"RCPTX TO:<a@b>", "500 malformed rcpt command\r\n"},
   };

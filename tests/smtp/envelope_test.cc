@@ -158,11 +158,12 @@ TEST_F(SmtpTest, HeloRsetAndEhloDropTheEnvelope) {
   }
 }
 
-TEST_F(SmtpTest, DataIsRefusedTemporarilyAndNeverAccepted) {
+TEST_F(SmtpTest, DataWithoutScanDirectoryRefusesTemporarilyAndKeepsTheEnvelope) {
   Sender s;
   s.mail_from();
   s.cmd("RCPT TO:<b@example.com>");
-  EXPECT_EQ(s.cmd("DATA"), "451 Internal Error\r\n");
+  config.scan_dir = "/nonexistent/scan";
+  EXPECT_EQ(s.cmd("DATA"), "451 Couldn't open temporary file\r\n");
   EXPECT_EQ(s.conn()->num_rcpts, 1);  // the sender may try again
   EXPECT_EQ(s.conn()->errors, 0);
 }

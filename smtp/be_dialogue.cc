@@ -1,0 +1,364 @@
+// The client dialogue that replays a cleared transaction to the backend, one
+// command at a time: EHLO (HELO when refused), the sender's AUTH LOGIN when
+// passed through, MAIL FROM, the RCPT TOs, DATA and the message file. Every
+// reply line the backend sends arrives in be_handle_line through
+// response_handler; be_state says what it answers.
+#include <cstdlib>
+#include <cstring>
+
+#include "foundation/dlog.h"
+#include "foundation/fatal.h"
+#include "foundation/text.h"
+#include "scan/dsn.h"
+#include "smtp/backend.h"
+#include "smtp/config.h"
+
+namespace {
+
+void* ptr(Connection* conn) {
+  return static_cast<void*>(conn);
+}
+
+// line is command_line, which the next read overwrites, so a queued write
+// needs a copy of its own.
+int write_line_copy(int fd, const DynString* line, CommHandler handler, Connection* conn) {
+  char* copy = static_cast<char*>(malloc(static_cast<size_t>(line->length) + 1));
+  if (copy == nullptr) fatal_exit("Out of memory: %m\n");
+  memcpy(copy, line->data, static_cast<size_t>(line->length) + 1);
+  return comm_write(fd, copy, line->length, handler, conn, free);
+}
+
+// Writes one command. An owned text came from xasprintf and goes back with
+// free. False when the write failed at once: its completion has told the
+// sender, and the whole connection is closed here.
+bool send_command(Connection* conn, const char* text, bool owned) {
+  if (comm_write(conn->receiver_fd, text, static_cast<int>(strlen(text)), generic_be_write_callback,
+                 conn, owned ? free : nullptr) == 0)
+    return true;
+  close_connection(conn);
+  return false;
+}
+
+// The backend refused or failed: log, hand its line to the sender, tear
+// down. Formats take conn and, where they have a %s, the line.
+int problem(Connection* conn, const DynString* line, const char* format) {
+  dlog(DLOG_SMTP, 3, format, ptr(conn), line->data);
+  be_problem(conn, line);
+  return 1;
+}
+
+void go_idle(Connection* conn) {
+  if (conn->noop_timer != nullptr) timer_cancel(conn->noop_timer);
+  conn->noop_timer = timer_add(config.noop_interval, be_send_noop, conn);
+  dlog(DLOG_SMTP, 9, "backend in idle state\n");
+  conn->be_state = BE_IDLE;
+}
+
+int send_mail_from(Connection* conn, const DynString* line, const char* null_format) {
+  if (conn->from == nullptr) return problem(conn, line, null_format);
+  char* text;
+  xasprintf(&text, "MAIL FROM:<%s>\r\n", conn->from->data);
+  if (!send_command(conn, text, true)) return 1;
+  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", ptr(conn), conn->from->data);
+  conn->be_state = BE_MAIL;
+  return 0;
+}
+
+int send_rcpt(Connection* conn) {
+  const char* address = conn->rcpt_cursor->address->data;
+  char* text;
+  xasprintf(&text, "RCPT TO:<%s>\r\n", address);
+  if (!send_command(conn, text, true)) return 1;
+  if (conn->closed) return 1;
+  dlog(DLOG_SMTP, 4, "%p, sent 'RCPT TO:<%s>' to backend\n", ptr(conn), address);
+  conn->be_state = BE_RCPT;
+  return 0;
+}
+
+// The recipient under rcpt_cursor has been answered: the next one, or DATA.
+int advance_rcpt(Connection* conn, const DynString* line) {
+  conn->rcpt_cursor = conn->rcpt_cursor->next;
+  if (conn->rcpt_cursor == nullptr) {
+    if (!send_command(conn, "DATA\r\n", false)) return 1;
+    dlog(DLOG_SMTP, 4, "%p, sent 'DATA' to backend\n", ptr(conn));
+    conn->be_state = BE_DATA;
+    return 0;
+  }
+  if (conn->rcpt_cursor->address == nullptr)
+    return problem(conn, line, "%p, unexpected error in BE_RCPT state - null rcpt to.\n");
+  return send_rcpt(conn);
+}
+
+// A refused AUTH step: the message goes on unauthenticated after an RSET.
+int auth_rset(Connection* conn) {
+  if (!send_command(conn, "RSET\r\n", false)) return 1;
+  conn->be_state = BE_AUTH_RSET;
+  return 0;
+}
+
+bool is_2xx(int c) {
+  return c >= 200 && c <= 299;
+}
+
+bool is_3xx(int c) {
+  return c >= 300 && c <= 399;
+}
+
+int on_init(Connection* conn, const DynString* line, int c, bool more) {
+  if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in init state: %s");
+  if (more) return 0;
+  conn->transaction_pending = false;
+  if (conn->helo_domain == nullptr)
+    return problem(conn, line, "%p, unexpected error in BE_INIT state - null helo domain.\n");
+  char* text;
+  xasprintf(&text, "EHLO %s\r\n", conn->helo_domain->data);
+  if (!send_command(conn, text, true)) return 1;
+  dlog(DLOG_SMTP, 4, "%p, sent 'EHLO %s' to backend\n", ptr(conn), conn->helo_domain->data);
+  conn->be_state = BE_EHLO;
+  return 0;
+}
+
+int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
+  if (c >= 500 && c <= 509) {
+    // A HELO from the sender during the relay may have cleared the domain.
+    if (conn->helo_domain == nullptr)
+      return problem(conn, line, "%p, unexpected error in BE_EHLO state - null helo domain.\n");
+    char* text;
+    xasprintf(&text, "HELO %s\r\n", conn->helo_domain->data);
+    if (!send_command(conn, text, true)) return 1;
+    dlog(DLOG_SMTP, 4, "%p, backend MTA doesn't support EHLO?\n", ptr(conn));
+    conn->be_state = BE_HELO;
+    return 0;
+  }
+  if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in EHLO state: %s");
+  if (more) return 0;
+  if (conn->auth_user != nullptr && conn->auth_pass != nullptr && config.passthrough_auth) {
+    if (!send_command(conn, "auth login\r\n", false)) return 1;
+    dlog(DLOG_SMTP, 4, "%p, sent 'auth login' to backend\n", ptr(conn));
+    conn->be_state = BE_AUTH_LOGIN;
+    return 0;
+  }
+  return send_mail_from(conn, line, "%p, unexpected error in BE_EHLO state - null maill from\n");
+}
+
+// The sender's commands are read while the message is relayed, so a new
+// AUTH may free or replace the stored line at any time: a copy goes out, and
+// a missing line ends the attempt.
+char* auth_line_copy(Connection* conn, const char* stored, const DynString* line) {
+  if (stored != nullptr) {
+    char* copy = strdup(stored);
+    if (copy == nullptr) fatal_exit("Out of memory: %m\n");
+    return copy;
+  }
+  dlog(DLOG_SMTP, 3, "%p, unexpected error in BE_AUTH state - null auth line.\n", ptr(conn));
+  be_problem(conn, line);
+  return nullptr;
+}
+
+int on_auth_login(Connection* conn, const DynString* line, int c, bool more) {
+  if (c != 334) {
+    dlog(DLOG_SMTP, 3, "%p, auth login problem %s", ptr(conn), line->data);
+    return auth_rset(conn);
+  }
+  if (more) return 0;
+  char* user = auth_line_copy(conn, conn->auth_user, line);
+  if (user == nullptr) return 1;
+  // A write that fails at once has told the sender and torn the backend down.
+  if (comm_write(conn->receiver_fd, user, static_cast<int>(strlen(user)), generic_be_write_callback,
+                 conn, free) < 0)
+    return 1;
+  if (conn->closed) return 1;
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", ptr(conn), conn->auth_user);
+  conn->be_state = BE_AUTH_USER;
+  return 0;
+}
+
+int on_auth_user(Connection* conn, const DynString* line, int c, bool more) {
+  if (c != 334) {
+    dlog(DLOG_SMTP, 3, "%p, auth user problem: %s", ptr(conn), line->data);
+    return auth_rset(conn);
+  }
+  if (more) return 0;
+  char* pass = auth_line_copy(conn, conn->auth_pass, line);
+  if (pass == nullptr || !send_command(conn, pass, true)) return 1;
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", ptr(conn), conn->auth_pass);
+  conn->be_state = BE_AUTH_PASSWORD;
+  return 0;
+}
+
+int on_mail(Connection* conn, const DynString* line, int c, bool more) {
+  if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in MAIL state: %s");
+  if (more) return 0;
+  conn->be_state = BE_RCPT;
+  conn->rcpt_cursor = conn->rcpts;
+  if (conn->rcpt_cursor == nullptr)
+    return problem(conn, line, "%p, unexpected error in BE_MAIL state - null rcpt list.\n");
+  if (conn->rcpt_cursor->address == nullptr)
+    return problem(conn, line, "%p, unexpected error in BE_MAIL state - null rcpt to.\n");
+  return send_rcpt(conn);
+}
+
+int on_rcpt(Connection* conn, const DynString* line, int c, bool more) {
+  // A multi-line refusal is counted once, on its last line.
+  if (more) return 0;
+  if (conn->rcpt_cursor == nullptr || conn->rcpt_cursor->address == nullptr)
+    return problem(conn, line, "%p, unexpected error in BE_RCPT state - null rcpt to.\n");
+  if (is_2xx(c)) return advance_rcpt(conn, line);
+  add_failed_rcpt(conn, smtp_checked(dstr_copy(conn->rcpt_cursor->address)));
+  if (conn->closed) return 1;
+  dlog(DLOG_SMTP, 3, "Backend problem in RCPT state: %s", line->data);
+  if (conn->num_failed_rcpts == conn->num_rcpts) {
+    be_problem(conn, line);
+    return 1;
+  }
+  return advance_rcpt(conn, line);
+}
+
+int on_data(Connection* conn, const DynString* line, int c, bool more) {
+  if (!is_3xx(c)) return problem(conn, line, "%p, Backend problem in DATA state: %s");
+  if (more) return 0;
+  if (be_send_file(conn) != 0 || conn->closed) {
+    dlog(DLOG_SMTP, 1, "%p, Couldn't send file in DATA state: %m\n", ptr(conn));
+    if (conn->closed) return 1;
+    DstrPtr reply(smtp_checked(dstr_from_cstr("451 Failed to send email to backend\r\n")));
+    be_problem(conn, reply.get());
+    return 1;
+  }
+  dlog(DLOG_SMTP, 4, "%p, fnished sening data to backend\n", ptr(conn));
+  conn->be_state = BE_SENT_DATA;
+  return 0;
+}
+
+int on_sent_data(Connection* conn, const DynString* line, int c, bool more) {
+  if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in SENT_DATA state: %s");
+  if (more) return 0;
+  // The proxy's own acceptance, never the backend's text: the sender must
+  // not see the backend's queue id or wording.
+  if (!smtp_reply(conn, "250 OK\r\n") || conn->closed) return 1;
+  dlog(DLOG_SMTP, 4, "%p, response to sender DATA: 250 OK\n", ptr(conn));
+  if (conn->num_failed_rcpts > 0) {
+    send_dsn(conn);
+    if (conn->closed) return 1;
+  }
+  reset_transaction(conn);
+  comm_read(conn->sender_fd, command_handler, conn);
+  go_idle(conn);
+  return 0;
+}
+
+int on_rset(Connection* conn, const DynString* line) {
+  reset_transaction(conn);
+  if (write_line_copy(conn->sender_fd, line, sender_write_callback, conn) != 0) {
+    close_connection(conn);
+    return 1;
+  }
+  if (conn->closed) return 1;
+  dlog(DLOG_SMTP, 4, "%p, response to sender RESET: %s\n", ptr(conn), line->data);
+  go_idle(conn);
+  comm_read(conn->sender_fd, command_handler, conn);
+  return 0;
+}
+
+}  // namespace
+
+int reply_code(const DynString* line) {
+  if (line->length == 0) return -1;
+  if (line->data[line->length - 1] != '\n') return -2;
+  int code = static_cast<int>(strtol(line->data, nullptr, 10));
+  if (line->length > 3 && line->data[3] == '-') return -code;
+  return code;
+}
+
+int line_incomplete(const DynString* line) {
+  return line->length == 0 || line->data[line->length - 1] != '\n' ? 1 : 0;
+}
+
+void be_problem(Connection* conn, const DynString* reply) {
+  dlog(DLOG_SMTP, 5, "Backend problem, connection %p\n", ptr(conn));
+  if (reply->length == 0) {
+    if (!smtp_reply(conn, "421 Backend closed connection\r\n")) return;
+  } else {
+    if (write_line_copy(conn->sender_fd, reply, sender_write_callback, conn) != 0) {
+      close_connection(conn);
+      return;
+    }
+    dlog(DLOG_SMTP, 4, "%p, backend problem, responese to sender: %s", ptr(conn), reply->data);
+    // Courtesy only: a QUIT that cannot go out at once is dropped with the
+    // socket below, and no answer to it is awaited.
+    if (!conn->closed &&
+        comm_write(conn->receiver_fd, "QUIT\r\n", 6, nullptr, nullptr, nullptr) != 0) {
+      close_connection(conn);
+      return;
+    }
+  }
+  close_backend(conn);
+  if (!conn->closed) comm_read(conn->sender_fd, command_handler, conn);
+}
+
+int be_handle_line(Connection* conn, DynString* line) {
+  // Backend activity keeps the sender connection alive too, except the
+  // answers to keep-alive NOOPs.
+  if (conn->be_state != BE_IDLE) reset_idle_timer(conn);
+  if (line_incomplete(line) && conn->be_state != BE_QUIT) {
+    dlog(DLOG_SMTP, 3, "%p, Partial response. Aborted transfer\n", ptr(conn));
+    be_problem(conn, line);
+    return 1;
+  }
+  int c = reply_code(line);
+  bool more = c < 0;
+  if (c < 0) c = -c;
+  dlog(DLOG_SMTP, 4, "%p, Backend response=%d (incomplete=%d)\n", ptr(conn), c, more ? 1 : 0);
+  // Replies come in the order of the commands. A keep-alive NOOP written
+  // just before a new message's MAIL FROM is answered first; read as the
+  // answer to MAIL it would shift every later reply by one, up to a RCPT's
+  // 250 being forwarded to the sender as if it were the message's.
+  if (conn->noops_pending > 0) {
+    if (!more) conn->noops_pending -= 1;
+    if (is_2xx(c)) return 0;
+  }
+
+  switch (conn->be_state) {
+    case BE_INIT:
+      return on_init(conn, line, c, more);
+    case BE_EHLO:
+      return on_ehlo(conn, line, c, more);
+    case BE_HELO:
+      if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in HELO state: %s");
+      if (more) return 0;
+      return send_mail_from(conn, line,
+                            "%p, unexpected error in BE_HELO state - null maill from\n");
+    case BE_AUTH_LOGIN:
+      return on_auth_login(conn, line, c, more);
+    case BE_AUTH_USER:
+      return on_auth_user(conn, line, c, more);
+    case BE_AUTH_PASSWORD:
+      if (!is_2xx(c)) return problem(conn, line, "%p, password not accepted: %s");
+      if (more) return 0;
+      return send_mail_from(conn, line,
+                            "%p, unexpected error in BE_AUTH_PASSWORD state - null maill from\n");
+    case BE_AUTH_RSET:
+      if (!is_2xx(c)) return problem(conn, line, "%p, Reset problem: %s");
+      if (more) return 0;
+      return send_mail_from(conn, line,
+                            "%p, unexpected error in BE_AUTH_RSET state - null maill from\n");
+    case BE_MAIL:
+      return on_mail(conn, line, c, more);
+    case BE_RCPT:
+      return on_rcpt(conn, line, c, more);
+    case BE_DATA:
+      return on_data(conn, line, c, more);
+    case BE_SENT_DATA:
+      return on_sent_data(conn, line, c, more);
+    case BE_QUIT:
+      dlog(DLOG_SMTP, 5, "Quit response: %d\n", c);
+      close_backend(conn);
+      return 1;
+    case BE_RSET:
+      return on_rset(conn, line);
+    case BE_IDLE:
+      if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in IDEL state: %s");
+      return 0;
+    default:
+      fatal_exit("Wierd state at %s %s %d\n", __FILE__, "be_handle_line", __LINE__);
+  }
+}

@@ -1,0 +1,180 @@
+"""Relay of cleared messages to the backend: the client dialogue the backend sees, what the
+sender is told, reuse of the backend connection, keep-alive and failures."""
+
+import os
+import unittest
+
+import vigil_bed as vb
+
+NO_SCANNERS = {"as_connections": "0", "use_scanner": "0"}
+OK = b"250 OK\r\n"
+EHLO = b"EHLO client.test\r\n"
+MAIL = b"MAIL FROM:<a@example.com>\r\n"
+DATA = b"DATA\r\n"
+QUIT = b"QUIT\r\n"
+USER, PASS = b"dXNlcg==\r\n", b"cGFzcw==\r\n"
+# Lines starting with a dot arrive stuffed from the sender and must leave stuffed again; a
+# lone "." line reaching the backend unstuffed would end the message early.
+BODY = b"Subject: relay\r\n\r\nfirst\r\n..hidden dot\r\n..\r\nlast\r\n"
+
+
+def rcpt(name):
+    return b"RCPT TO:<%s@example.com>\r\n" % name
+
+
+class RelayTestCase(vb.BedTestCase):
+    def relay_bed(self, settings=None, verbosity=("9",), **backend):
+        self.bed = self.start(dict(NO_SCANNERS, **(settings or {})), verbosity=verbosity)
+        self.backend = self.bed.start_backend(**backend)
+
+    def new_backend(self, **kw):
+        """Replaces the fake backend; the daemon keeps running."""
+        self.bed.backend.stop()
+        self.bed.backend = None
+        self.backend = self.bed.start_backend(**kw)
+
+    def client(self):
+        c = self.bed.connect()
+        self.assertTrue(c.cmd("EHLO client.test").startswith(b"250-"))
+        return c
+
+    def send_message(self, c, rcpts=(b"b",), body=BODY):
+        """One transaction; returns the sender's final reply."""
+        self.assertEqual(c.cmd("MAIL FROM:<a@example.com>"), OK)
+        for r in rcpts:
+            self.assertEqual(c.cmd(b"RCPT TO:<%s@example.com>" % r), OK)
+        self.assertTrue(c.cmd("DATA").startswith(b"354"))
+        c.send(body + b".\r\n")
+        return c.read_reply(timeout=10)
+
+    def lines(self, session=0, skip=(b"NOOP\r\n",)):
+        return [line for line in self.backend.sessions[session].lines if line not in skip]
+
+    def wait_backend_closed(self, session=0):
+        self.backend.wait_for(lambda b: len(b.sessions) > session and b.sessions[session].closed,
+                              what="the proxy to leave the backend")
+
+
+class RelayDialogueTest(RelayTestCase):
+    def test_transaction_is_replayed_and_connection_reused(self):
+        self.relay_bed()
+        c = self.client()
+        self.assertEqual(self.send_message(c), OK)
+        body = self.backend.sessions[0].messages[0]
+        sender = vb.DEFAULT_SENDER.encode()
+        self.assertTrue(body.startswith(b"Received: from [%s] by [" % sender), body)
+        self.assertTrue(body.endswith(b"\r\n" + BODY), body)
+        # RSET goes to the idle backend, and its own answer comes back.
+        self.assertEqual(c.cmd("RSET"), vb.FakeBackend.DEFAULT_REPLIES["RSET"])
+        self.assertEqual(self.send_message(c, body=b"Subject: two\r\n\r\nx\r\n"), OK)
+        self.assertTrue(self.backend.sessions[0].messages[1].endswith(b"\r\nx\r\n"))
+        self.assertTrue(c.cmd("QUIT").startswith(b"221"))
+        self.wait_backend_closed()
+        self.assertEqual(len(self.backend.sessions), 1)
+        self.assertEqual(self.lines(), [EHLO, MAIL, rcpt(b"b"), DATA, b"RSET\r\n",
+                                        MAIL, rcpt(b"b"), DATA, QUIT])
+
+    def test_backend_replies_steer_the_dialogue(self):
+        refuse_c = lambda line: b"550 5.1.1 no c\r\n" if b"<c@" in line else b"250 ok\r\n"
+        cases = [
+            ("two-line greeting gets one EHLO", {"greeting": b"220-fake\r\n220 ready\r\n"},
+             (b"b",), [EHLO, MAIL, rcpt(b"b"), DATA], OK),
+            ("EHLO refused, HELO instead", {"replies": {"EHLO": b"502 5.5.2 no\r\n"}},
+             (b"b",), [EHLO, b"HELO client.test\r\n", MAIL, rcpt(b"b"), DATA], OK),
+            ("multi-line EHLO reply gets one MAIL",
+             {"replies": {"EHLO": b"250-fake\r\n250-SIZE 1000\r\n250 8BITMIME\r\n"}},
+             (b"b",), [EHLO, MAIL, rcpt(b"b"), DATA], OK),
+            ("middle recipient refused, newest first", {"replies": {"RCPT": refuse_c}},
+             (b"b", b"c", b"d"), [EHLO, MAIL, rcpt(b"d"), rcpt(b"c"), rcpt(b"b"), DATA], OK),
+            ("every recipient refused", {"replies": {"RCPT": b"550 5.1.1 no\r\n"}},
+             (b"b", b"c"), [EHLO, MAIL, rcpt(b"c"), rcpt(b"b"), QUIT], b"550 5.1.1 no\r\n"),
+            ("250 to DATA is forwarded", {"replies": {"DATA": b"250 odd\r\n"}},
+             (b"b",), [EHLO, MAIL, rcpt(b"b"), DATA, QUIT], b"250 odd\r\n"),
+            ("refusing greeting", {"greeting": b"554 5.3.2 busy\r\n"},
+             (b"b",), [QUIT], b"554 5.3.2 busy\r\n"),
+        ]
+        self.relay_bed()
+        for label, backend, rcpts, lines, reply in cases:
+            with self.subTest(label):
+                self.new_backend(**backend)
+                c = self.client()
+                self.assertEqual(self.send_message(c, rcpts), reply)
+                if reply == OK:
+                    self.assertTrue(self.backend.sessions[0].messages[0].endswith(BODY))
+                else:
+                    self.wait_backend_closed()
+                self.assertEqual(self.lines(), lines)
+                self.assertTrue(c.cmd("QUIT").startswith(b"221"))
+
+    def test_pass_through_auth(self):
+        cases = [
+            ("accepted", [b"334 VXNlcm5hbWU6\r\n", b"334 UGFzc3dvcmQ6\r\n", b"235 ok\r\n"],
+             [EHLO, b"auth login\r\n", USER, PASS, MAIL]),
+            ("auth login refused", [b"504 5.7.4 no\r\n"],
+             [EHLO, b"auth login\r\n", b"RSET\r\n", MAIL]),
+            ("user refused", [b"334 VXNlcm5hbWU6\r\n", b"535 5.7.8 no\r\n"],
+             [EHLO, b"auth login\r\n", USER, b"RSET\r\n", MAIL]),
+        ]
+        self.relay_bed()
+        for label, steps, lines in cases:
+            with self.subTest(label):
+                self.new_backend(replies={"AUTH": steps})
+                c = self.client()
+                reply = c.cmd("AUTH LOGIN")
+                if reply == b"501 authentication type not supported\r\n":
+                    self.skipTest("AUTH LOGIN is not in this build")
+                self.assertEqual(reply, b"334 VXNlcm5hbWU6\r\n")
+                self.assertEqual(c.cmd(USER[:-2]), b"334 UGFzc3dvcmQ6\r\n")
+                self.assertEqual(c.cmd(PASS[:-2]), b"235 Authentication accepted\r\n")
+                self.assertEqual(self.send_message(c), OK)
+                self.assertEqual(self.lines(), lines + [rcpt(b"b"), DATA])
+                self.assertTrue(c.cmd("QUIT").startswith(b"221"))
+
+
+class RelayFailureTest(RelayTestCase):
+    def test_backend_down_or_closing_leaves_sender_free_to_retry(self):
+        self.bed = self.start(NO_SCANNERS)
+        c = self.client()
+        self.assertEqual(self.send_message(c), b"451 Internal Error\r\n")
+        self.assertEqual(c.cmd("MAIL FROM:<a@example.com>"), OK)
+        self.backend = self.bed.start_backend(greeting=None)
+        self.assertEqual(self.send_message(c), b"421 Backend closed connection\r\n")
+        self.assertEqual(c.cmd("MAIL FROM:<a@example.com>"), OK)
+        self.new_backend()
+        self.assertEqual(self.send_message(c), OK)
+        self.bed.daemon.wait_log("Backend connect error, ")
+        self.assertIn("Backend closed connection\n", self.bed.daemon.stderr())
+
+    def test_idle_backend_gets_noop_until_quit(self):
+        self.relay_bed({"noop_interval": "1"})
+        c = self.client()
+        self.assertEqual(self.send_message(c), OK)
+        self.backend.wait_for(lambda b: b.sessions[0].lines.count(b"NOOP\r\n") >= 2,
+                              what="two keep-alive NOOPs")
+        self.assertTrue(c.cmd("QUIT").startswith(b"221"))
+        self.wait_backend_closed()
+        self.assertEqual(self.lines(), [EHLO, MAIL, rcpt(b"b"), DATA, QUIT])
+
+
+class RelaySoakTest(RelayTestCase):
+    def test_thousand_messages_leave_descriptors_memory_and_scan_dir_flat(self):
+        self.relay_bed(verbosity=("3",))
+        c = self.client()
+        daemon = self.bed.daemon
+        for _ in range(100):
+            self.assertEqual(self.send_message(c), OK)
+        fds, rss = daemon.quiet_fd_count(), daemon.rss_kib()
+        for _ in range(900):
+            self.assertEqual(self.send_message(c), OK)
+        self.assertEqual(len(self.backend.sessions), 1)
+        self.assertEqual(len(self.backend.sessions[0].messages), 1000)
+        self.assertLessEqual(daemon.quiet_fd_count(), fds)
+        with open(f"/proc/{daemon.pid}/maps") as f:
+            sanitized = "libasan" in f.read()  # its quarantine grows; LeakSanitizer checks there
+        if not sanitized:
+            self.assertLess(daemon.rss_kib() - rss, 1024)
+        self.assertEqual(os.listdir(self.bed.host_path("/var/av/scan")), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

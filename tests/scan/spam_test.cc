@@ -1,0 +1,101 @@
+#include "scan/spam.h"
+
+#include "scan_test_support.h"
+
+namespace {
+
+using scan_test::V;
+using Job = scan_test::Job<AsRequest>;
+
+// As the verdict handler does: note the result, give the request back.
+void on_result(void* data, int result) {
+  auto* job = static_cast<Job*>(data);
+  job->results.push_back(result);
+  if (job->req != nullptr) spam_cancel(job->req);
+  job->req = nullptr;
+}
+
+class SpamTest : public scan_test::ClientTest<AsRequest, spam_cancel, spam_shutdown> {
+ protected:
+  // Scan files end in a 6-character unique part, the reply key.
+  static std::string file(int i) { return "/var/av/scan/vigild_Key00" + std::to_string(i); }
+  static std::string key(int i) { return "Key00" + std::to_string(i); }
+  static std::string line(int i) { return file(i) + " mid 51200 s@x.test\n"; }
+  AsRequest* scan(int i, bool bypass, const char* sender = "s@x.test") {
+    Job& j = jobs_[i];
+    j.req = spam_scan(on_result, &j, file(i).c_str(), "mid", sender, 51200, bypass);
+    return j.req;
+  }
+  void reply(int i, const std::string& text) {
+    ASSERT_TRUE(fake_.run_until([&] { return fake_.peer_with(file(i) + " ") >= 0; })) << i;
+    fake_.send(fake_.peer_with(file(i) + " "), text);
+  }
+  void start(size_t pool) {
+    fake_.listen();
+    spam_init(fake_.path(), static_cast<int>(pool));
+    ASSERT_TRUE(fake_.run_until([&] { return fake_.peers() == pool; }));
+  }
+};
+
+TEST_F(SpamTest, PoolOfThreeAnswersByKeyQueuesNewestFirstOrBypasses) {
+  start(3);
+  for (int i = 0; i < 3; i++) ASSERT_NE(scan(i, false, i == 0 ? "" : "s@x.test"), nullptr);
+  ASSERT_TRUE(fake_.run_until([&] { return fake_.peer_with(line(2)) >= 0; }));
+  EXPECT_GE(fake_.peer_with(file(0) + " mid 51200\n"), 0) << "no sender: three fields";
+  EXPECT_NE(scan(3, false), nullptr) << "all busy: waits";
+  EXPECT_EQ(scan(4, true), nullptr) << "bypass: passes at once";
+  EXPECT_EQ(jobs_[4].results, V{0});
+  EXPECT_NE(scan(5, false), nullptr);
+  EXPECT_FALSE(answered(3) || answered(5));
+
+  // A reply with another key is ignored; the request takes the next one.
+  reply(0, "9 zzzzzz\n7 " + key(0) + "\n");
+  ASSERT_TRUE(fake_.run_until([&] { return answered(0) && fake_.peer_with(line(5)) >= 0; }));
+  EXPECT_EQ(fake_.peer_with(line(5)), fake_.peer_with(file(0) + " ")) << "newest pending first";
+  reply(5, "15 " + key(5) + " trailing words\n");
+  reply(1, "11 " + key(1) + "\n");
+  reply(2, "12 " + key(2) + "\n");
+  reply(3, "13 " + key(3) + "\n");
+  const std::array<V, 6> want = {V{7}, V{11}, V{12}, V{13}, V{0}, V{15}};
+  for (int i = 0; i < 6; i++) EXPECT_EQ(result_of(i), want[i]) << "request " << i;
+}
+
+TEST_F(SpamTest, ReplyOfBadLengthFailsEveryRequestWithZeroAndReconnectsAtOnce) {
+  start(1);
+  const std::string bad[] = {"5", std::string(300, '1')};
+  for (int c = 0; c < 2; c++) {
+    SCOPED_TRACE(bad[c].size());
+    int a = 2 * c, b = a + 1;
+    ASSERT_NE(scan(a, false), nullptr);
+    ASSERT_NE(scan(b, false), nullptr);  // waits behind a
+    reply(a, bad[c] + "\n");
+    ASSERT_TRUE(fake_.run_until([&] { return fake_.peers() == static_cast<size_t>(c) + 2; }));
+    EXPECT_EQ(result_of(a), V{0});
+    EXPECT_EQ(result_of(b), V{0});
+  }
+}
+
+// Each step here waits for the client's 6-second reconnect timer.
+TEST_F(SpamTest, OutagesPassRequestsWithZeroAndTimersReconnect) {
+  spam_init(fake_.path(), 1);  // nothing listens yet
+  EXPECT_EQ(scan(0, false), nullptr) << "service down: passes even without bypass";
+  EXPECT_EQ(jobs_[0].results, V{0});
+  fake_.listen();
+  ASSERT_TRUE(fake_.run_until([&] { return fake_.peers() == 1; }));
+  ASSERT_NE(scan(1, false), nullptr);
+  reply(1, "3 " + key(1) + "\n");
+  EXPECT_EQ(result_of(1), V{3});
+
+  ASSERT_NE(scan(2, false), nullptr);
+  ASSERT_TRUE(fake_.run_until([&] { return fake_.peer_with(line(2)) == 0; }));
+  fake_.stop();  // the server goes away mid-request, and comes back
+  fake_.listen();
+  EXPECT_EQ(result_of(2), V{0});
+  ASSERT_TRUE(fake_.run_until([&] { return fake_.peers() == 2; }));
+  ASSERT_NE(scan(3, false), nullptr);
+  reply(3, "4 " + key(3) + "\n");
+  EXPECT_EQ(result_of(3), V{4});
+  EXPECT_EQ(fake_.peer_with(line(3)), 1);
+}
+
+}  // namespace
