@@ -12,15 +12,16 @@ Every path runs in one loopback-only network namespace made for the run:
     under test. vigild, socat and smtp-sink run as root and leave from
     127.0.0.1, so the proxies' own connections to the backend are not caught.
   * Paths: direct (no rule), socat (a plain TCP forwarder), vigild with the
-    scanners off (as_connections=0, use_scanner=0), and vigild with instant
-    fake scanners that answer clean at once. The rule is switched per run and
+    scanners off (as_connections=0, use_scanner=0), and vigild with the
+    instant fake scanners of tests/e2e/scanners.py (clean at once). The rule is switched per run and
     the four paths are measured back to back for each message size and sender
     count, so they share the machine's conditions.
 
 The daemon runs under unshare -m with a directory of /dev/shm (tmpfs) bound
 over /var, in the foreground (-d -e -s). Messages per second come from the
 wall time of smtp-source (all replies awaited; -d keeps each sender's
-connection for all its messages); daemon CPU is utime+stime from /proc.
+connection for all its messages); CPU is the proxy's utime+stime from /proc
+(socat's with its reaped per-connection children).
 
 Needs root. Usage:
   /usr/bin/python3 bench/relay_bench.py [--vigild build-bench/vigild] [--repeat 3] [--scale 1]
@@ -30,18 +31,18 @@ import argparse
 import os
 import shutil
 import signal
-import socketserver
 import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(REPO / "tests" / "e2e"))
+from scanners import FakeAntiSpam, FakeVirusScanner  # noqa: E402  (they answer clean at once)
+
 SENDER_UID = 65534
-LOCK = threading.Lock()  # the fake scanners' counters
 SOURCE = ["/usr/sbin/smtp-source", "-d", "-M", "bench.test", "-f", "from@bench.test",
           "-t", "to@bench.test"]
 SOCAT_PORT, OFF_PORT, ON_PORT = 2526, 2527, 2528
@@ -64,9 +65,10 @@ def wait_until(pred, timeout, what):
 
 
 def cpu_ticks(pid):
+    """utime+stime, plus those of the children waited for (socat forks one per sender)."""
     with open(f"/proc/{pid}/stat") as f:
         fields = f.read().rsplit(")", 1)[1].split()
-    return int(fields[11]) + int(fields[12])
+    return sum(int(x) for x in fields[11:15])
 
 
 def listening(pid, port):
@@ -79,41 +81,13 @@ def listening(pid, port):
         return False
 
 
-class ScanHandler(socketserver.StreamRequestHandler):
-    """An instant fake anti-spam or virus scanner connection: every request
-    is answered clean as soon as its line is read."""
-
-    def handle(self):
-        counts, kind = self.server.counts, self.server.kind
-        with LOCK:
-            counts[kind] += 1
-        for line in self.rfile:
-            if kind == "as":  # "file id size [sender]": the key is the file name's last 6 bytes
-                reply = b"0 " + line.split(b" ")[0][-6:] + b"\n"
-            else:  # "num\tmscan\tfile\t...", the hello "0\tPROXY\tsmtp" included
-                reply = line.split(b"\t")[0] + b" 0\n"
-            with LOCK:
-                counts[kind + "_req"] += reply != b"0 0\n"
-            self.wfile.write(reply)
-
-
-def start_scanners(var, counts):
-    servers = []
-    for kind, name in (("as", "as.sock"), ("vs", "scannerd.sock")):
-        srv = socketserver.ThreadingUnixStreamServer(str(var / "lib/norvik" / name), ScanHandler)
-        srv.daemon_threads, srv.kind, srv.counts = True, kind, counts
-        threading.Thread(target=srv.serve_forever, daemon=True).start()
-        servers.append(srv)
-    return servers
-
-
 class Bench:
     def __init__(self, vigild):
         self.vigild = vigild
         self.ns = f"relaybench-{os.getpid()}"
         self.root = Path(tempfile.mkdtemp(prefix="relaybench-", dir="/dev/shm"))
         self.procs = {}  # name -> Popen, stopped by pid in close()
-        self.servers, self.counts = [], {"as": 0, "vs": 0, "as_req": 0, "vs_req": 0}
+        self.fakes = ()  # the anti-spam and virus scanner servers of the "on" daemon
         run(["ip", "netns", "add", self.ns])
         for cmd in (["link", "set", "lo", "up"],
                     ["rule", "add", "uidrange", f"{SENDER_UID}-{SENDER_UID}", "table", "100",
@@ -146,7 +120,8 @@ class Bench:
                   "spool/xmail/spool/local"):
             (var / d).mkdir(parents=True)
         if scanners:
-            self.servers = start_scanners(var, self.counts)
+            self.fakes = (FakeAntiSpam(var / "lib/norvik/as.sock"),
+                          FakeVirusScanner(var / "lib/norvik/scannerd.sock"))
         common, proxy = self.root / name / "common.conf", self.root / name / "vigild.conf"
         common.write_text("[scannerd]\nscan_dir=/var/av/scan\n"
                           "scanner_addr=/var/lib/norvik/scannerd.sock\n")
@@ -161,8 +136,12 @@ class Bench:
                           "vigild-bench", str(var), self.vigild, "-d", "-e", "-s",
                           "-c", str(common), "-p", str(proxy)], port)
         if scanners:  # until the pool is up, the daemon lets messages pass unscanned
-            c = self.counts
-            wait_until(lambda: c["as"] >= 10 and c["vs"] >= 1, 15, "the scanner connections")
+            self.fakes[1].wait_for(lambda v: len(v.hellos) == 1, 15, "the scanner hello")
+            wait_until(lambda: self.log(name, 10**6).count(
+                "Successfully connected to anti-spam server") >= 10, 15, "the anti-spam pool")
+
+    def scanned(self):
+        return [len(f.requests) for f in self.fakes]
 
     def redirect(self, port):
         run(self.nsexec(["iptables", "-t", "nat", "-F", "OUTPUT"]))
@@ -171,10 +150,10 @@ class Bench:
                              "127.0.1.0/24", "-d", "127.0.0.2", "--dport", "25",
                              "-j", "REDIRECT", "--to-ports", str(port)]))
 
-    def send(self, port, size, senders, messages, daemon=None, perf=None):
-        """One smtp-source run; returns (messages per second, daemon CPU ms per message)."""
+    def send(self, port, size, senders, messages, proxy=None, perf=None):
+        """One smtp-source run; returns (messages per second, proxy CPU ms per message)."""
         self.redirect(port)
-        pid = self.procs[daemon].pid if daemon else None
+        pid = self.procs[proxy].pid if proxy else None
         cpu0 = cpu_ticks(pid) if pid else 0
         rec = perf and subprocess.Popen(["perf", "record", "-q", "-g", "-F", "2000", "-p",
                                          str(pid), "-o", perf], stderr=subprocess.DEVNULL)
@@ -188,8 +167,11 @@ class Bench:
             rec.send_signal(signal.SIGINT)
             rec.wait(30)
         if r.returncode != 0:
-            where = f"\n{daemon} log tail:\n{self.log(daemon)}" if daemon else ""
+            where = f"\n{proxy} log tail:\n{self.log(proxy)}" if proxy else ""
             raise RuntimeError(f"smtp-source failed ({r.returncode}): {r.stderr.strip()}{where}")
+        if proxy == "socat":  # a child's CPU time reaches its parent once it is reaped
+            wait_until(lambda: not Path(f"/proc/{pid}/task/{pid}/children").read_text(), 10,
+                       "socat's children to be reaped")
         cpu = (cpu_ticks(pid) - cpu0) / os.sysconf("SC_CLK_TCK") if pid else None
         return messages / elapsed, cpu * 1000 / messages if pid else None
 
@@ -202,9 +184,8 @@ class Bench:
                 except subprocess.TimeoutExpired:
                     p.kill()
                     p.wait(10)
-        for srv in self.servers:  # their connection threads end with the daemon
-            srv.shutdown()
-            srv.server_close()
+        for fake in self.fakes:
+            fake.stop()
         subprocess.run(["ip", "netns", "del", self.ns], capture_output=True, timeout=20)
         shutil.rmtree(self.root, ignore_errors=True)
 
@@ -222,6 +203,9 @@ def main():
     paths = args.paths.split(",")
     if ("off" in paths or "on" in paths) and not os.access(args.vigild, os.X_OK):
         sys.exit(f"relay_bench: {args.vigild} not built")
+    for tool in ["/usr/sbin/smtp-source", "/usr/sbin/iptables"] + ["socat"] * ("socat" in paths):
+        if not shutil.which(tool):
+            sys.exit(f"relay_bench: {tool} missing (scripts/deps.sh; apt-get install socat)")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("relay_bench: terminated"))
     port = {"direct": None, "socat": SOCAT_PORT, "off": OFF_PORT, "on": ON_PORT}
     bench = Bench(os.path.abspath(args.vigild))
@@ -237,7 +221,7 @@ def main():
             bench.start_vigild("on", ON_PORT, scanners=True)
         head = ["size", "senders"] + [f"{p} msg/s" for p in paths] + \
             [f"{p}/direct" for p in paths if p != "direct" and "direct" in paths] + \
-            [f"{p} CPU ms/msg" for p in paths if p in ("off", "on")]
+            [f"{p} CPU ms/msg" for p in paths if p != "direct"]
         print(f"load average at the start: {os.getloadavg()[0]:.2f}; medians of {args.repeat} runs")
         print("| " + " | ".join(head) + " |\n|" + "---|" * len(head), flush=True)
         for label, size, n1, n10 in SIZES:
@@ -247,15 +231,14 @@ def main():
                 cpus = {p: [] for p in paths}
                 for _ in range(args.repeat):
                     for p in paths:
-                        scanned = dict(bench.counts) if p == "on" else None
-                        daemon = p if p in ("off", "on") else None
-                        perf = daemon and args.perf and \
+                        before = bench.scanned()
+                        proxy = p if p != "direct" else None
+                        perf = p in ("off", "on") and args.perf and \
                             os.path.join(args.perf, f"{p}-{size}-{senders}-{len(rates[p])}.data")
-                        rate, cpu = bench.send(port[p], size, senders, n, daemon, perf)
-                        if scanned and any(bench.counts[k] - scanned[k] != n
-                                           for k in ("as_req", "vs_req")):
-                            raise RuntimeError(f"not every message was scanned: {scanned} -> "
-                                               f"{bench.counts} for {n} messages")
+                        rate, cpu = bench.send(port[p], size, senders, n, proxy, perf)
+                        if p == "on" and bench.scanned() != [b + n for b in before]:
+                            raise RuntimeError(f"not every message was scanned: {before} -> "
+                                               f"{bench.scanned()} requests for {n} messages")
                         rates[p].append(rate)
                         cpus[p].append(cpu)
                 med = {p: statistics.median(rates[p]) for p in paths}
@@ -264,7 +247,7 @@ def main():
                 ratio = {p: statistics.median(map(float.__truediv__, rates[p], rates["direct"]))
                          for p in paths if p != "direct" and "direct" in paths}
                 row += [f"{r:.2f}" for r in ratio.values()]
-                row += [f"{statistics.median(cpus[p]):.3f}" for p in paths if p in ("off", "on")]
+                row += [f"{statistics.median(cpus[p]):.3f}" for p in paths if p != "direct"]
                 print("| " + " | ".join(row) + " |", flush=True)
     finally:
         bench.close()
