@@ -1,0 +1,257 @@
+#!/usr/bin/python3
+"""Relay benchmark: Postfix's smtp-source -> vigild -> smtp-sink.
+
+Every path runs in one loopback-only network namespace made for the run:
+
+  * smtp-sink, the backend, listens on 127.0.0.2:25.
+  * smtp-source cannot bind a source address, so it runs as uid 65534 and a
+    uidrange routing rule sends that uid's traffic through a table whose local
+    route prefers 127.0.1.1: the senders come from 127.0.1.1. The kernel puts
+    its own local table first, so the bench moves that rule behind ours.
+  * iptables nat OUTPUT REDIRECTs 127.0.1.0/24 -> 127.0.0.2:25 to the proxy
+    under test. vigild, socat and smtp-sink run as root and leave from
+    127.0.0.1, so the proxies' own connections to the backend are not caught.
+  * Paths: direct (no rule), socat (a plain TCP forwarder), vigild with the
+    scanners off (as_connections=0, use_scanner=0), and vigild with the
+    instant fake scanners of tests/e2e/scanners.py (clean at once). The rule is switched per run and
+    the four paths are measured back to back for each message size and sender
+    count, so they share the machine's conditions.
+
+The daemon runs under unshare -m with a directory of /dev/shm (tmpfs) bound
+over /var, in the foreground (-d -e -s). Messages per second come from the
+wall time of smtp-source (all replies awaited; -d keeps each sender's
+connection for all its messages); CPU is the proxy's utime+stime from /proc
+(socat's with its reaped per-connection children).
+
+Needs root. Usage:
+  /usr/bin/python3 bench/relay_bench.py [--vigild build-bench/vigild] [--repeat 3] [--scale 1]
+"""
+
+import argparse
+import os
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+REPO = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(REPO / "tests" / "e2e"))
+from scanners import FakeAntiSpam, FakeVirusScanner  # noqa: E402  (they answer clean at once)
+
+SENDER_UID = 65534
+SOURCE = ["/usr/sbin/smtp-source", "-d", "-M", "bench.test", "-f", "from@bench.test",
+          "-t", "to@bench.test"]
+SOCAT_PORT, OFF_PORT, ON_PORT = 2526, 2527, 2528
+# (label, smtp-source -l payload, messages for 1 sender, messages for 10 senders)
+SIZES = [("4 KB", 4096, 3000, 8000), ("1 MB", 1048576, 200, 400)]
+
+
+def run(cmd, timeout=20):
+    r = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
+    if r.returncode != 0:
+        raise RuntimeError(f"{' '.join(cmd)} failed ({r.returncode}): {r.stderr.strip()}")
+
+
+def wait_until(pred, timeout, what):
+    deadline = time.monotonic() + timeout
+    while not pred():
+        if time.monotonic() > deadline:
+            raise RuntimeError(f"timed out after {timeout}s waiting for {what}")
+        time.sleep(0.02)
+
+
+def cpu_ticks(pid):
+    """utime+stime, plus those of the children waited for (socat forks one per sender)."""
+    with open(f"/proc/{pid}/stat") as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return sum(int(x) for x in fields[11:15])
+
+
+def listening(pid, port):
+    """True when the namespace of process pid has a TCP listener on port."""
+    try:
+        with open(f"/proc/{pid}/net/tcp") as f:
+            return any(l.split()[3] == "0A" and int(l.split()[1].split(":")[1], 16) == port
+                       for l in list(f)[1:])
+    except OSError:
+        return False
+
+
+class Bench:
+    def __init__(self, vigild):
+        self.vigild = vigild
+        self.ns = f"relaybench-{os.getpid()}"
+        self.root = Path(tempfile.mkdtemp(prefix="relaybench-", dir="/dev/shm"))
+        self.procs = {}  # name -> Popen, stopped by pid in close()
+        self.fakes = ()  # the anti-spam and virus scanner servers of the "on" daemon
+        run(["ip", "netns", "add", self.ns])
+        for cmd in (["link", "set", "lo", "up"],
+                    ["rule", "add", "uidrange", f"{SENDER_UID}-{SENDER_UID}", "table", "100",
+                     "priority", "10"],
+                    ["route", "add", "local", "127.0.0.0/8", "dev", "lo", "src", "127.0.1.1",
+                     "table", "100"],
+                    ["rule", "add", "lookup", "local", "priority", "100"],
+                    ["rule", "del", "priority", "0"]):
+            run(["ip", "-n", self.ns] + cmd)
+
+    def nsexec(self, cmd):
+        return ["ip", "netns", "exec", self.ns] + cmd
+
+    def start(self, name, cmd, port):
+        err = open(self.root / f"{name}.err", "wb")
+        self.procs[name] = p = subprocess.Popen(self.nsexec(cmd), stdin=subprocess.DEVNULL,
+                                                stdout=err, stderr=err)
+        err.close()
+        wait_until(lambda: listening(p.pid, port) or p.poll() is not None, 15, f"{name} to listen")
+        if p.poll() is not None:
+            raise RuntimeError(f"{name} exited ({p.returncode}): {self.log(name)}")
+        return p
+
+    def log(self, name, tail=3000):
+        return (self.root / f"{name}.err").read_text(errors="replace")[-tail:]
+
+    def start_vigild(self, name, port, scanners):
+        var = self.root / name / "var"
+        for d in ("run", "av/scan", "lib/norvik", "spool/xmail/spool/temp",
+                  "spool/xmail/spool/local"):
+            (var / d).mkdir(parents=True)
+        if scanners:
+            self.fakes = (FakeAntiSpam(var / "lib/norvik/as.sock"),
+                          FakeVirusScanner(var / "lib/norvik/scannerd.sock"))
+        common, proxy = self.root / name / "common.conf", self.root / name / "vigild.conf"
+        common.write_text("[scannerd]\nscan_dir=/var/av/scan\n"
+                          "scanner_addr=/var/lib/norvik/scannerd.sock\n")
+        settings = {"listen_port": port, "listen_backlog": 128, "max_connections": 1000,
+                    "address_transparent": 0, "user": "root", "group": "root",
+                    "relay_control": 0, "as_connections": 10 if scanners else 0,
+                    "use_scanner": int(scanners)}
+        proxy.write_text("[vigild]\n" + "".join(f"{k}={v}\n" for k, v in settings.items()))
+        # ip netns exec, unshare and sh exec in place: the Popen pid is vigild's.
+        script = 'mount --bind "$1" /var && shift && exec "$@"'
+        self.start(name, ["unshare", "-m", "--propagation", "private", "sh", "-c", script,
+                          "vigild-bench", str(var), self.vigild, "-d", "-e", "-s",
+                          "-c", str(common), "-p", str(proxy)], port)
+        if scanners:  # until the pool is up, the daemon lets messages pass unscanned
+            self.fakes[1].wait_for(lambda v: len(v.hellos) == 1, 15, "the scanner hello")
+            wait_until(lambda: self.log(name, 10**6).count(
+                "Successfully connected to anti-spam server") >= 10, 15, "the anti-spam pool")
+
+    def scanned(self):
+        return [len(f.requests) for f in self.fakes]
+
+    def redirect(self, port):
+        run(self.nsexec(["iptables", "-t", "nat", "-F", "OUTPUT"]))
+        if port:
+            run(self.nsexec(["iptables", "-t", "nat", "-A", "OUTPUT", "-p", "tcp", "-s",
+                             "127.0.1.0/24", "-d", "127.0.0.2", "--dport", "25",
+                             "-j", "REDIRECT", "--to-ports", str(port)]))
+
+    def send(self, port, size, senders, messages, proxy=None, perf=None):
+        """One smtp-source run; returns (messages per second, proxy CPU ms per message)."""
+        self.redirect(port)
+        pid = self.procs[proxy].pid if proxy else None
+        cpu0 = cpu_ticks(pid) if pid else 0
+        rec = perf and subprocess.Popen(["perf", "record", "-q", "-g", "-F", "2000", "-p",
+                                         str(pid), "-o", perf], stderr=subprocess.DEVNULL)
+        t0 = time.monotonic()
+        cmd = ["setpriv", f"--reuid={SENDER_UID}", f"--regid={SENDER_UID}", "--clear-groups"]
+        r = subprocess.run(self.nsexec(cmd + SOURCE + ["-s", str(senders), "-m", str(messages),
+                                                       "-l", str(size), "127.0.0.2:25"]),
+                           capture_output=True, text=True, timeout=300)
+        elapsed = time.monotonic() - t0
+        if rec:
+            rec.send_signal(signal.SIGINT)
+            rec.wait(30)
+        if r.returncode != 0:
+            where = f"\n{proxy} log tail:\n{self.log(proxy)}" if proxy else ""
+            raise RuntimeError(f"smtp-source failed ({r.returncode}): {r.stderr.strip()}{where}")
+        if proxy == "socat":  # a child's CPU time reaches its parent once it is reaped
+            wait_until(lambda: not Path(f"/proc/{pid}/task/{pid}/children").read_text(), 10,
+                       "socat's children to be reaped")
+        cpu = (cpu_ticks(pid) - cpu0) / os.sysconf("SC_CLK_TCK") if pid else None
+        return messages / elapsed, cpu * 1000 / messages if pid else None
+
+    def close(self):
+        for p in self.procs.values():
+            if p.poll() is None:
+                p.send_signal(signal.SIGTERM)
+                try:
+                    p.wait(10)
+                except subprocess.TimeoutExpired:
+                    p.kill()
+                    p.wait(10)
+        for fake in self.fakes:
+            fake.stop()
+        subprocess.run(["ip", "netns", "del", self.ns], capture_output=True, timeout=20)
+        shutil.rmtree(self.root, ignore_errors=True)
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    ap.add_argument("--vigild", default=str(REPO / "build-bench" / "vigild"))
+    ap.add_argument("--repeat", type=int, default=5, help="runs per figure; the median is shown")
+    ap.add_argument("--scale", type=float, default=1.0, help="multiplies the message counts")
+    ap.add_argument("--paths", default="direct,socat,off,on")
+    ap.add_argument("--perf", metavar="DIR", help="perf record the daemon in every run, into DIR")
+    args = ap.parse_args()
+    if os.geteuid() != 0:
+        sys.exit("relay_bench: needs root (network and mount namespaces)")
+    paths = args.paths.split(",")
+    if ("off" in paths or "on" in paths) and not os.access(args.vigild, os.X_OK):
+        sys.exit(f"relay_bench: {args.vigild} not built")
+    for tool in ["/usr/sbin/smtp-source", "/usr/sbin/iptables"] + ["socat"] * ("socat" in paths):
+        if not shutil.which(tool):
+            sys.exit(f"relay_bench: {tool} missing (scripts/deps.sh; apt-get install socat)")
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("relay_bench: terminated"))
+    port = {"direct": None, "socat": SOCAT_PORT, "off": OFF_PORT, "on": ON_PORT}
+    bench = Bench(os.path.abspath(args.vigild))
+    try:
+        bench.start("sink", ["/usr/sbin/smtp-sink", "-u", "nobody", "-h", "sink.bench",
+                             "127.0.0.2:25", "128"], 25)
+        if "socat" in paths:
+            bench.start("socat", ["socat", f"TCP4-LISTEN:{SOCAT_PORT},reuseaddr,fork,backlog=128",
+                                  "TCP4:127.0.0.2:25"], SOCAT_PORT)
+        if "off" in paths:
+            bench.start_vigild("off", OFF_PORT, scanners=False)
+        if "on" in paths:
+            bench.start_vigild("on", ON_PORT, scanners=True)
+        head = ["size", "senders"] + [f"{p} msg/s" for p in paths] + \
+            [f"{p}/direct" for p in paths if p != "direct" and "direct" in paths] + \
+            [f"{p} CPU ms/msg" for p in paths if p != "direct"]
+        print(f"load average at the start: {os.getloadavg()[0]:.2f}; medians of {args.repeat} runs")
+        print("| " + " | ".join(head) + " |\n|" + "---|" * len(head), flush=True)
+        for label, size, n1, n10 in SIZES:
+            for senders, n in ((1, n1), (10, n10)):
+                n = max(senders, int(n * args.scale))
+                rates = {p: [] for p in paths}
+                cpus = {p: [] for p in paths}
+                for _ in range(args.repeat):
+                    for p in paths:
+                        before = bench.scanned()
+                        proxy = p if p != "direct" else None
+                        perf = p in ("off", "on") and args.perf and \
+                            os.path.join(args.perf, f"{p}-{size}-{senders}-{len(rates[p])}.data")
+                        rate, cpu = bench.send(port[p], size, senders, n, proxy, perf)
+                        if p == "on" and bench.scanned() != [b + n for b in before]:
+                            raise RuntimeError(f"not every message was scanned: {before} -> "
+                                               f"{bench.scanned()} requests for {n} messages")
+                        rates[p].append(rate)
+                        cpus[p].append(cpu)
+                med = {p: statistics.median(rates[p]) for p in paths}
+                row = [label, str(senders)] + [f"{med[p]:.0f}" for p in paths]
+                # Each ratio is taken within one repeat, whose runs were back to back.
+                ratio = {p: statistics.median(map(float.__truediv__, rates[p], rates["direct"]))
+                         for p in paths if p != "direct" and "direct" in paths}
+                row += [f"{r:.2f}" for r in ratio.values()]
+                row += [f"{statistics.median(cpus[p]):.3f}" for p in paths if p != "direct"]
+                print("| " + " | ".join(row) + " |", flush=True)
+    finally:
+        bench.close()
+
+
+if __name__ == "__main__":
+    main()
