@@ -29,23 +29,23 @@ constexpr size_t COPY_BLOCK = 1000;
 
 enum class Stuffing { STUFF, RESTUFF };
 
-// "<directory of name>/<prefix>XXXXXX" for mkstemp, so that the copy can be
-// renamed over name without crossing file systems. Caller frees.
-char* template_beside(const char* name, const char* prefix) {
-  char* t = nullptr;
-  const char* slash = strrchr(name, '/');
-  if (slash == nullptr) {
-    xasprintf(&t, "./%sXXXXXX", prefix);
-  } else {
-    xasprintf(&t, "%.*s/%sXXXXXX", static_cast<int>(slash - name), name, prefix);
-  }
-  return t;
-}
-
 void remove_keeping_errno(const char* path) {
   int e = errno;
   unlink(path);
   errno = e;
+}
+
+// The chunked conversions' copy at path (a mkstemp template), opened for
+// binary writing; the process ends when it cannot be made.
+FILE* create_chunk_copy(char* path) {
+  int fd = mkstemp(path);
+  if (fd < 0) fatal_exit("Scanner couldn't create tmpfile: %s: %m", path);
+  FILE* out = fdopen(fd, "wb+");
+  if (out == nullptr) {
+    remove_keeping_errno(path);
+    fatal_exit("Couldn't fdopen tmpfile: %m\n");
+  }
+  return out;
 }
 
 DynString* new_buffer() {
@@ -317,14 +317,8 @@ char* dechunk_file(const char* name) {
     return nullptr;
   }
   char* path = template_beside(name, "dechunked_");
-  int out_fd = mkstemp(path);
-  if (out_fd < 0) fatal_exit("Scanner couldn't create tmpfile: %s: %m", path);
-  FILE* out = fdopen(out_fd, "wb+");
-  if (out == nullptr) {
-    remove_keeping_errno(path);
-    fatal_exit("Couldn't fdopen tmpfile: %m\n");
-  }
-  if (fchmod(out_fd, 0660) != 0) {
+  FILE* out = create_chunk_copy(path);
+  if (fchmod(fileno(out), 0660) != 0) {
     remove_keeping_errno(path);
     fatal_exit("Couldn't fchmod tmpfile: %m to 660\n");
   }
@@ -357,13 +351,7 @@ char* chunk_file(const char* name) {
     return nullptr;
   }
   char* path = template_beside(name, "chunked_");
-  int out_fd = mkstemp(path);
-  if (out_fd < 0) fatal_exit("Scanner couldn't create tmpfile: %s: %m", path);
-  FILE* out = fdopen(out_fd, "wb+");
-  if (out == nullptr) {
-    remove_keeping_errno(path);
-    fatal_exit("Couldn't fdopen tmpfile: %m\n");
-  }
+  FILE* out = create_chunk_copy(path);
   // An empty file is the last chunk alone; a chunk of size 0 followed by
   // another last chunk would leave bytes behind the encoded body.
   off_t remaining = st.st_size;
@@ -391,4 +379,15 @@ char* chunk_file(const char* name) {
     fatal_exit("write error to chunk file: %m\n");
   }
   return path;
+}
+
+char* template_beside(const char* name, const char* prefix) {
+  char* t = nullptr;
+  const char* slash = strrchr(name, '/');
+  if (slash == nullptr) {
+    xasprintf(&t, "./%sXXXXXX", prefix);
+  } else {
+    xasprintf(&t, "%.*s/%sXXXXXX", static_cast<int>(slash - name), name, prefix);
+  }
+  return t;
 }

@@ -24,3 +24,7 @@ char* dechunk_file(const char* name);
 // Encodes a whole file as one chunk, an empty one as the last chunk alone.
 // Null when name cannot be opened. Caller frees the path.
 char* chunk_file(const char* name);
+
+// "<directory of name>/<prefix>XXXXXX" for mkstemp, so that a copy can be
+// renamed over name without crossing file systems. Caller frees.
+char* template_beside(const char* name, const char* prefix);

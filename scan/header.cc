@@ -16,6 +16,7 @@
 #include "foundation/dlog.h"
 #include "foundation/fatal.h"
 #include "foundation/text.h"
+#include "scan/convert.h"
 
 namespace {
 
@@ -57,19 +58,6 @@ bool is_blank_piece(const char* p, size_t n) {
 
 bool starts_with_field(const char* p, size_t n, const char* field, size_t field_len) {
   return n >= field_len && strncasecmp(p, field, field_len) == 0;
-}
-
-// "<directory of name>/<prefix>XXXXXX" for mkstemp, so that the copy can be
-// renamed over name without crossing file systems. Caller frees.
-char* template_beside(const char* name, const char* prefix) {
-  char* t = nullptr;
-  const char* slash = strrchr(name, '/');
-  if (slash == nullptr) {
-    xasprintf(&t, "./%sXXXXXX", prefix);
-  } else {
-    xasprintf(&t, "%.*s/%sXXXXXX", static_cast<int>(slash - name), name, prefix);
-  }
-  return t;
 }
 
 // Copies the rest of in to out in blocks. false on a read or write error.
