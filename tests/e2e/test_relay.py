@@ -44,7 +44,7 @@ class RelayTestCase(vb.BedTestCase):
             self.assertEqual(c.cmd(b"RCPT TO:<%s@example.com>" % r), OK)
         self.assertTrue(c.cmd("DATA").startswith(b"354"))
         c.send(body + b".\r\n")
-        return c.read_reply(timeout=10)
+        return c.read_reply(timeout=60)
 
     def lines(self, session=0, skip=(b"NOOP\r\n",)):
         return [line for line in self.backend.sessions[session].lines if line not in skip]
@@ -104,6 +104,9 @@ class RelayDialogueTest(RelayTestCase):
                     self.wait_backend_closed()
                 self.assertEqual(self.lines(), lines)
                 self.assertTrue(c.cmd("QUIT").startswith(b"221"))
+        notes = list(self.bed.host_path("/var/spool/xmail/spool/local").iterdir())
+        self.assertEqual(len(notes), 1)  # only the message with a refused recipient has one
+        self.assertIn(b"\r\nFinal-Recipient: rfc822;c@example.com\r\n", notes[0].read_bytes())
 
     def test_pass_through_auth(self):
         cases = [
@@ -157,7 +160,10 @@ class RelaySoakTest(RelayTestCase):
         self.relay_bed(verbosity=("3",))
         c = self.client()
         daemon = self.bed.daemon
-        for _ in range(100):
+        big = b"Subject: big\r\n\r\n" + (b"x" * 998 + b"\r\n") * 20000  # 20 MB arrives whole
+        self.assertEqual(self.send_message(c, body=big), OK)
+        self.assertTrue(self.backend.sessions[0].messages[0].endswith(b"\r\n" + big))
+        for _ in range(99):
             self.assertEqual(self.send_message(c), OK)
         fds, rss = daemon.quiet_fd_count(), daemon.rss_kib()
         for _ in range(900):
