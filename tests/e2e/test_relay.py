@@ -158,8 +158,7 @@ class RelayFailureTest(RelayTestCase):
 class RelaySoakTest(RelayTestCase):
     def test_thousand_messages_leave_descriptors_memory_and_scan_dir_flat(self):
         self.relay_bed(verbosity=("3",))
-        c = self.client()
-        daemon = self.bed.daemon
+        c, daemon = self.client(), self.bed.daemon
         big = b"Subject: big\r\n\r\n" + (b"x" * 998 + b"\r\n") * 20000  # 20 MB arrives whole
         self.assertEqual(self.send_message(c, body=big), OK)
         self.assertTrue(self.backend.sessions[0].messages[0].endswith(b"\r\n" + big))
