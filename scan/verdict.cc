@@ -19,17 +19,12 @@
 
 namespace {
 
-void* ptr(Connection* conn) {
-  return static_cast<void*>(conn);
-}
-
 // The sender hears the refusal and may go on with its next transaction; the
 // envelope and scan file stay until then.
 // A reply that cannot be written has closed the connection (smtp_reply).
 void refuse(Connection* conn, const char* reply, const char* log_after = nullptr) {
-  if (!smtp_reply(conn, reply)) return;
-  if (log_after != nullptr) dlog(DLOG_SMTP, 4, log_after, ptr(conn));
-  comm_read(conn->sender_fd, command_handler, conn);
+  if (smtp_reply_and_resume(conn, reply) && log_after != nullptr)
+    dlog(DLOG_SMTP, 4, log_after, log_ptr(conn));
 }
 
 void drop(Connection* conn) {
@@ -79,7 +74,7 @@ bool apply_virus_rows(Connection* conn) {
     if ((conn->scan_result & row.bits) == 0) continue;
     if (row.block != nullptr && !*row.block) continue;
     if (row.discard != nullptr && *row.discard) {
-      dlog(DLOG_SMTP, 4, row.discard_log, ptr(conn));
+      dlog(DLOG_SMTP, 4, row.discard_log, log_ptr(conn));
       drop(conn);
       return true;
     }
@@ -87,7 +82,7 @@ bool apply_virus_rows(Connection* conn) {
       refuse(conn, row.reply, row.refuse_log);
       return true;
     }
-    dlog(DLOG_SMTP, 4, row.refuse_log, ptr(conn));
+    dlog(DLOG_SMTP, 4, row.refuse_log, log_ptr(conn));
     refuse(conn, row.reply);
     return true;
   }
@@ -114,7 +109,7 @@ void reuse_backend(Connection* conn) {
     return;
   }
   conn->be_state = BE_MAIL;
-  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", ptr(conn), from);
+  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", log_ptr(conn), from);
 }
 
 }  // namespace

@@ -40,10 +40,6 @@ constexpr std::array<int, 256> B64_TABLE = [] {
   return t;
 }();
 
-void* ptr(Connection* conn) {
-  return static_cast<void*>(conn);
-}
-
 char* checked_strdup(const char* s) {
   char* copy = strdup(s);
   if (copy == nullptr) fatal_exit("Out of memory: %m\n");
@@ -84,8 +80,8 @@ bool read_auth_line(int fd, Connection* conn, bool password) {
 // A "*" line ends the dialogue; the sender is back at the command prompt.
 bool cancelled(Connection* conn) {
   if (command_line->data[0] != '*') return false;
-  dlog(DLOG_SMTP, 4, "%p, Authentication canceled by sender.\n", ptr(conn));
-  if (smtp_reply(conn, ABORTED)) comm_read(conn->sender_fd, command_handler, conn);
+  dlog(DLOG_SMTP, 4, "%p, Authentication canceled by sender.\n", log_ptr(conn));
+  smtp_reply_and_resume(conn, ABORTED);
   return true;
 }
 
@@ -117,13 +113,14 @@ int smtp_auth(const DynString* line, Connection* conn) {
   if (words == nullptr) fatal_exit("Out of memory: %m\n");
   if (words->count < 3) {
     smtp_reply(conn, "501 AUTH command needs parameter\r\n");
-    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 501 AUTH command needs parameter\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 501 AUTH command needs parameter\n", log_ptr(conn));
     if (!conn->closed) reset_transaction(conn);
     return conn->closed;
   }
   if (strncasecmp(words->entries[1]->data, "login", 5) != 0) {
     smtp_reply(conn, "501 authentication type not supported\r\n");
-    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 501 authentication type not supported\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 501 authentication type not supported\n",
+         log_ptr(conn));
     if (!conn->closed) reset_transaction(conn);
     return conn->closed;
   }
@@ -135,11 +132,11 @@ int smtp_auth(const DynString* line, Connection* conn) {
   }
   if (conn->auth_user != nullptr) {
     if (!smtp_reply(conn, PASS_PROMPT)) return 1;
-    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 334 UGFzc3dvcmQ6\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 334 UGFzc3dvcmQ6\n", log_ptr(conn));
     comm_read(conn->sender_fd, password_handler, conn);
   } else {
     if (!smtp_reply(conn, USER_PROMPT)) return 1;
-    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 334 VXNlcm5hbWU6\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, response to AUTH: 334 VXNlcm5hbWU6\n", log_ptr(conn));
     comm_read(conn->sender_fd, username_handler, conn);
   }
   return 1;
@@ -156,7 +153,7 @@ void username_handler(int fd, void* data) {
   replace(&conn->auth_user, checked_strdup(command_line->data));
   if (cancelled(conn)) return;
   if (!smtp_reply(conn, PASS_PROMPT)) return;
-  dlog(DLOG_SMTP, 4, "%p, response to 'User': 334 UGFzc3dvcmQ6\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to 'User': 334 UGFzc3dvcmQ6\n", log_ptr(conn));
   comm_read(conn->sender_fd, password_handler, conn);
 }
 
@@ -186,9 +183,8 @@ void password_handler(int fd, void* data) {
   dlog(DLOG_SMTP, 9,
        accepted ? "Authentication accepted by proxy\n" : "Authentication rejected by proxy\n");
   const char* reply = accepted ? ACCEPTED : REJECTED;
-  dlog(DLOG_SMTP, 4, "%p, response to password: %s", ptr(conn), reply);
-  if (!smtp_reply(conn, reply)) return;
-  comm_read(conn->sender_fd, command_handler, conn);
+  dlog(DLOG_SMTP, 4, "%p, response to password: %s", log_ptr(conn), reply);
+  smtp_reply_and_resume(conn, reply);
 }
 
 bool check_local_auth(const char* user_line, const char* pass_line) {

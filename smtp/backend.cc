@@ -26,31 +26,9 @@ namespace {
 constexpr int RECEIVER_READ_SIZE = 2000;
 constexpr int REPLY_LINE_MAX = 2000;
 
-void* ptr(Connection* conn) {
-  return static_cast<void*>(conn);
-}
-
-struct Dotted {
-  explicit Dotted(in_addr a) {
-    if (inet_ntop(AF_INET, &a, text, sizeof text) == nullptr) snprintf(text, sizeof text, "?");
-  }
-  char text[INET_ADDRSTRLEN];
-};
-
-int port_of(const sockaddr_in& a) {
-  return ntohs(a.sin_port);
-}
-
-// After a failure that leaves the sender connection usable: tell the sender
-// and read its commands again, so it can start over or QUIT.
-void reply_and_resume(Connection* conn, const char* text) {
-  if (!smtp_reply(conn, text) || conn->closed) return;
-  comm_read(conn->sender_fd, command_handler, conn);
-}
-
 void start_failed(Connection* conn) {
   close_backend(conn);
-  if (!conn->closed) reply_and_resume(conn, "451 Internal Error\r\n");
+  if (!conn->closed) smtp_reply_and_resume(conn, "451 Internal Error\r\n");
 }
 
 // Binds the backend socket so that the backend sees the sender's address.
@@ -68,8 +46,8 @@ bool bind_transparent(Connection* conn) {
   int r = bind_local(fd, local);
   if (r == EADDRINUSE || r == EADDRNOTAVAIL) {
     local->sin_addr.s_addr = route_lookup(local->sin_addr.s_addr);
-    dlog(DLOG_SMTP, 9, "Reconnecting with my_server_addr=%s, port=%d, %p\n",
-         Dotted(local->sin_addr).text, port_of(conn->receiver_addr), ptr(conn));
+    dlog(DLOG_SMTP, 9, "Reconnecting with my_server_addr=%s, port=%d, %p\n", Dotted(*local).text,
+         port_of(conn->receiver_addr), log_ptr(conn));
     if (bind_local(fd, local) != 0) {
       dlog(DLOG_SMTP, 1, "Couldn't bind: %m\n");
       start_failed(conn);
@@ -89,19 +67,18 @@ bool bind_transparent(Connection* conn) {
 void backend_write_done(int error, Connection* conn) {
   if (conn == nullptr || conn->closed || error == 0) return;
   dlog(DLOG_SMTP, 3, "Write to backend(%s:%d) error. Closing: %m\n",
-       Dotted(conn->receiver_addr.sin_addr).text, port_of(conn->receiver_addr));
+       Dotted(conn->receiver_addr).text, port_of(conn->receiver_addr));
   close_backend(conn);
   if (conn->closed) return;
-  if (!smtp_reply(conn, "451 Internal Error\r\n")) return;
+  if (!smtp_reply_and_resume(conn, "451 Internal Error\r\n")) return;
   dlog(DLOG_SMTP, 4, "%p, response to sender due to backend write failure: 451 Internal Error\n",
-       ptr(conn));
-  if (!conn->closed) comm_read(conn->sender_fd, command_handler, conn);
+       log_ptr(conn));
 }
 
 }  // namespace
 
 void backend_start(Connection* conn) {
-  dlog(DLOG_SMTP, 5, "backend_start on connection %p\n", ptr(conn));
+  dlog(DLOG_SMTP, 5, "backend_start on connection %p\n", log_ptr(conn));
   int fd = conn->receiver_fd = socket(AF_INET, SOCK_STREAM, 0);
   if (fd == -1) {
     dlog(DLOG_SMTP, 1, "Can't create receiver socket: %m\n");
@@ -138,10 +115,10 @@ void be_connected(int fd, int error, void* data) {
   if (error != 0) {
     conn->transaction_pending = false;
     dlog(DLOG_SMTP, 3, "Backend connect error, %m.backend=%s(%d), sender=%s(%d)\n",
-         Dotted(conn->receiver_addr.sin_addr).text, port_of(conn->receiver_addr),
-         Dotted(conn->sender_addr.sin_addr).text, port_of(conn->sender_addr));
+         Dotted(conn->receiver_addr).text, port_of(conn->receiver_addr),
+         Dotted(conn->sender_addr).text, port_of(conn->sender_addr));
     close_backend(conn);
-    if (!conn->closed) reply_and_resume(conn, "451 Internal Error\r\n");
+    if (!conn->closed) smtp_reply_and_resume(conn, "451 Internal Error\r\n");
     return;
   }
   conn->receiver_stream = lstream_open(conn->receiver_fd, read, RECEIVER_READ_SIZE);

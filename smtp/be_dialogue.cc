@@ -15,10 +15,6 @@
 
 namespace {
 
-void* ptr(Connection* conn) {
-  return static_cast<void*>(conn);
-}
-
 // line is command_line, which the next read overwrites, so a queued write
 // needs a copy of its own.
 int write_line_copy(int fd, const DynString* line, CommHandler handler, Connection* conn) {
@@ -42,7 +38,7 @@ bool send_command(Connection* conn, const char* text, bool owned) {
 // The backend refused or failed: log, hand its line to the sender, tear
 // down. Formats take conn and, where they have a %s, the line.
 int problem(Connection* conn, const DynString* line, const char* format) {
-  dlog(DLOG_SMTP, 3, format, ptr(conn), line->data);
+  dlog(DLOG_SMTP, 3, format, log_ptr(conn), line->data);
   be_problem(conn, line);
   return 1;
 }
@@ -59,7 +55,7 @@ int send_mail_from(Connection* conn, const DynString* line, const char* null_for
   char* text;
   xasprintf(&text, "MAIL FROM:<%s>\r\n", conn->from->data);
   if (!send_command(conn, text, true)) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", ptr(conn), conn->from->data);
+  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", log_ptr(conn), conn->from->data);
   conn->be_state = BE_MAIL;
   return 0;
 }
@@ -70,7 +66,7 @@ int send_rcpt(Connection* conn) {
   xasprintf(&text, "RCPT TO:<%s>\r\n", address);
   if (!send_command(conn, text, true)) return 1;
   if (conn->closed) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent 'RCPT TO:<%s>' to backend\n", ptr(conn), address);
+  dlog(DLOG_SMTP, 4, "%p, sent 'RCPT TO:<%s>' to backend\n", log_ptr(conn), address);
   conn->be_state = BE_RCPT;
   return 0;
 }
@@ -80,7 +76,7 @@ int advance_rcpt(Connection* conn, const DynString* line) {
   conn->rcpt_cursor = conn->rcpt_cursor->next;
   if (conn->rcpt_cursor == nullptr) {
     if (!send_command(conn, "DATA\r\n", false)) return 1;
-    dlog(DLOG_SMTP, 4, "%p, sent 'DATA' to backend\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, sent 'DATA' to backend\n", log_ptr(conn));
     conn->be_state = BE_DATA;
     return 0;
   }
@@ -113,7 +109,7 @@ int on_init(Connection* conn, const DynString* line, int c, bool more) {
   char* text;
   xasprintf(&text, "EHLO %s\r\n", conn->helo_domain->data);
   if (!send_command(conn, text, true)) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent 'EHLO %s' to backend\n", ptr(conn), conn->helo_domain->data);
+  dlog(DLOG_SMTP, 4, "%p, sent 'EHLO %s' to backend\n", log_ptr(conn), conn->helo_domain->data);
   conn->be_state = BE_EHLO;
   return 0;
 }
@@ -126,7 +122,7 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
     char* text;
     xasprintf(&text, "HELO %s\r\n", conn->helo_domain->data);
     if (!send_command(conn, text, true)) return 1;
-    dlog(DLOG_SMTP, 4, "%p, backend MTA doesn't support EHLO?\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, backend MTA doesn't support EHLO?\n", log_ptr(conn));
     conn->be_state = BE_HELO;
     return 0;
   }
@@ -134,7 +130,7 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
   if (more) return 0;
   if (conn->auth_user != nullptr && conn->auth_pass != nullptr && config.passthrough_auth) {
     if (!send_command(conn, "auth login\r\n", false)) return 1;
-    dlog(DLOG_SMTP, 4, "%p, sent 'auth login' to backend\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, sent 'auth login' to backend\n", log_ptr(conn));
     conn->be_state = BE_AUTH_LOGIN;
     return 0;
   }
@@ -150,14 +146,14 @@ char* auth_line_copy(Connection* conn, const char* stored, const DynString* line
     if (copy == nullptr) fatal_exit("Out of memory: %m\n");
     return copy;
   }
-  dlog(DLOG_SMTP, 3, "%p, unexpected error in BE_AUTH state - null auth line.\n", ptr(conn));
+  dlog(DLOG_SMTP, 3, "%p, unexpected error in BE_AUTH state - null auth line.\n", log_ptr(conn));
   be_problem(conn, line);
   return nullptr;
 }
 
 int on_auth_login(Connection* conn, const DynString* line, int c, bool more) {
   if (c != 334) {
-    dlog(DLOG_SMTP, 3, "%p, auth login problem %s", ptr(conn), line->data);
+    dlog(DLOG_SMTP, 3, "%p, auth login problem %s", log_ptr(conn), line->data);
     return auth_rset(conn);
   }
   if (more) return 0;
@@ -168,20 +164,20 @@ int on_auth_login(Connection* conn, const DynString* line, int c, bool more) {
                  conn, free) < 0)
     return 1;
   if (conn->closed) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", ptr(conn), conn->auth_user);
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_user);
   conn->be_state = BE_AUTH_USER;
   return 0;
 }
 
 int on_auth_user(Connection* conn, const DynString* line, int c, bool more) {
   if (c != 334) {
-    dlog(DLOG_SMTP, 3, "%p, auth user problem: %s", ptr(conn), line->data);
+    dlog(DLOG_SMTP, 3, "%p, auth user problem: %s", log_ptr(conn), line->data);
     return auth_rset(conn);
   }
   if (more) return 0;
   char* pass = auth_line_copy(conn, conn->auth_pass, line);
   if (pass == nullptr || !send_command(conn, pass, true)) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", ptr(conn), conn->auth_pass);
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_pass);
   conn->be_state = BE_AUTH_PASSWORD;
   return 0;
 }
@@ -218,13 +214,13 @@ int on_data(Connection* conn, const DynString* line, int c, bool more) {
   if (!is_3xx(c)) return problem(conn, line, "%p, Backend problem in DATA state: %s");
   if (more) return 0;
   if (be_send_file(conn) != 0 || conn->closed) {
-    dlog(DLOG_SMTP, 1, "%p, Couldn't send file in DATA state: %m\n", ptr(conn));
+    dlog(DLOG_SMTP, 1, "%p, Couldn't send file in DATA state: %m\n", log_ptr(conn));
     if (conn->closed) return 1;
     DstrPtr reply(smtp_checked(dstr_from_cstr("451 Failed to send email to backend\r\n")));
     be_problem(conn, reply.get());
     return 1;
   }
-  dlog(DLOG_SMTP, 4, "%p, fnished sening data to backend\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, fnished sening data to backend\n", log_ptr(conn));
   conn->be_state = BE_SENT_DATA;
   return 0;
 }
@@ -235,7 +231,7 @@ int on_sent_data(Connection* conn, const DynString* line, int c, bool more) {
   // The proxy's own acceptance, never the backend's text: the sender must
   // not see the backend's queue id or wording.
   if (!smtp_reply(conn, "250 OK\r\n") || conn->closed) return 1;
-  dlog(DLOG_SMTP, 4, "%p, response to sender DATA: 250 OK\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to sender DATA: 250 OK\n", log_ptr(conn));
   if (conn->num_failed_rcpts > 0) {
     send_dsn(conn);
     if (conn->closed) return 1;
@@ -253,7 +249,7 @@ int on_rset(Connection* conn, const DynString* line) {
     return 1;
   }
   if (conn->closed) return 1;
-  dlog(DLOG_SMTP, 4, "%p, response to sender RESET: %s\n", ptr(conn), line->data);
+  dlog(DLOG_SMTP, 4, "%p, response to sender RESET: %s\n", log_ptr(conn), line->data);
   go_idle(conn);
   comm_read(conn->sender_fd, command_handler, conn);
   return 0;
@@ -274,7 +270,7 @@ int line_incomplete(const DynString* line) {
 }
 
 void be_problem(Connection* conn, const DynString* reply) {
-  dlog(DLOG_SMTP, 5, "Backend problem, connection %p\n", ptr(conn));
+  dlog(DLOG_SMTP, 5, "Backend problem, connection %p\n", log_ptr(conn));
   if (reply->length == 0) {
     if (!smtp_reply(conn, "421 Backend closed connection\r\n")) return;
   } else {
@@ -282,7 +278,7 @@ void be_problem(Connection* conn, const DynString* reply) {
       close_connection(conn);
       return;
     }
-    dlog(DLOG_SMTP, 4, "%p, backend problem, responese to sender: %s", ptr(conn), reply->data);
+    dlog(DLOG_SMTP, 4, "%p, backend problem, responese to sender: %s", log_ptr(conn), reply->data);
     // Courtesy only: a QUIT that cannot go out at once is dropped with the
     // socket below, and no answer to it is awaited.
     if (!conn->closed &&
@@ -300,14 +296,14 @@ int be_handle_line(Connection* conn, DynString* line) {
   // answers to keep-alive NOOPs.
   if (conn->be_state != BE_IDLE) reset_idle_timer(conn);
   if (line_incomplete(line) && conn->be_state != BE_QUIT) {
-    dlog(DLOG_SMTP, 3, "%p, Partial response. Aborted transfer\n", ptr(conn));
+    dlog(DLOG_SMTP, 3, "%p, Partial response. Aborted transfer\n", log_ptr(conn));
     be_problem(conn, line);
     return 1;
   }
   int c = reply_code(line);
   bool more = c < 0;
   if (c < 0) c = -c;
-  dlog(DLOG_SMTP, 4, "%p, Backend response=%d (incomplete=%d)\n", ptr(conn), c, more ? 1 : 0);
+  dlog(DLOG_SMTP, 4, "%p, Backend response=%d (incomplete=%d)\n", log_ptr(conn), c, more ? 1 : 0);
   // Replies come in the order of the commands. A keep-alive NOOP written
   // just before a new message's MAIL FROM is answered first; read as the
   // answer to MAIL it would shift every later reply by one, up to a RCPT's

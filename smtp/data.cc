@@ -30,10 +30,6 @@ constexpr size_t TERMINATOR_LENGTH = 3;
 constexpr char CTE_FIELD[] = "Content-Transfer-Encoding:";
 constexpr size_t CTE_FIELD_LENGTH = sizeof(CTE_FIELD) - 1;
 
-void* ptr(Connection* conn) {
-  return static_cast<void*>(conn);
-}
-
 bool ends_with(const DynString* s, const char* tail, size_t n) {
   return static_cast<size_t>(s->length) >= n && memcmp(s->data + s->length - n, tail, n) == 0;
 }
@@ -61,19 +57,18 @@ void watch_transfer_encoding(Connection* conn, const DynString* piece) {
 // sender may try DATA again.
 int refuse_data(Connection* conn, const char* reply) {
   smtp_reply(conn, reply);
-  dlog(DLOG_SMTP, 4, "%p response to DATA: %.*s\n", ptr(conn), static_cast<int>(strlen(reply) - 2),
-       reply);
+  dlog(DLOG_SMTP, 4, "%p response to DATA: %.*s\n", log_ptr(conn),
+       static_cast<int>(strlen(reply) - 2), reply);
   return conn->closed;
 }
 
 // The scan file could not take the whole piece: the message is lost, so the
 // sender is told at once and the rest of its input is read as commands.
 void scan_file_write_failed(Connection* conn) {
-  if (!smtp_reply(conn, "451 Internal Error\r\n")) return;
-  dlog(DLOG_SMTP, 4, "%p, response to DATA: 451 Internal Error\n", ptr(conn));
-  comm_read(conn->sender_fd, command_handler, conn);
-  if (conn->closed) return;
-  dlog(DLOG_SMTP, 3, "%p, Error writing scanfile %s: %m\n", ptr(conn), conn->scan_file_name->data);
+  if (!smtp_reply_and_resume(conn, "451 Internal Error\r\n")) return;
+  dlog(DLOG_SMTP, 4, "%p, response to DATA: 451 Internal Error\n", log_ptr(conn));
+  dlog(DLOG_SMTP, 3, "%p, Error writing scanfile %s: %m\n", log_ptr(conn),
+       conn->scan_file_name->data);
   close_backend(conn);
 }
 
@@ -86,7 +81,7 @@ int smtp_data(const DynString*, Connection* conn) {
   }
   if (conn->num_rcpts == 0) {
     smtp_reply(conn, "503 Need RCPT\r\n");
-    dlog(DLOG_SMTP, 4, "%p response to DATA: 503 Need RCPT\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p response to DATA: 503 Need RCPT\n", log_ptr(conn));
     conn->errors += 1;
     return conn->closed;
   }
@@ -136,7 +131,7 @@ int smtp_data(const DynString*, Connection* conn) {
   conn->in_header = true;
   conn->bytes_received = 0;
   if (!smtp_reply(conn, "354 Send it to me, end with <CRLF>.<CRLF>\r\n")) return 1;
-  dlog(DLOG_SMTP, 4, "%p response to DATA: 354 Send it to me.\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p response to DATA: 354 Send it to me.\n", log_ptr(conn));
   reset_idle_timer(conn);
   comm_read(conn->sender_fd, data_handler, conn);
   return 1;
@@ -160,7 +155,7 @@ void data_handler(int fd, void* data) {
     errno = 0;
     if (lstream_readline(piece, conn->sender_stream, '\n', DATA_PIECE_MAX) < 0) {
       if (ms_pending && errno == EAGAIN) {
-        dlog(DLOG_SMTP, 5, "%p, MS end of data encountered, stop reading data\n", ptr(conn));
+        dlog(DLOG_SMTP, 5, "%p, MS end of data encountered, stop reading data\n", log_ptr(conn));
         if (!store(conn, "\r\n", 2)) {
           scan_file_write_failed(conn);
           return;
@@ -170,13 +165,14 @@ void data_handler(int fd, void* data) {
         reset_idle_timer(conn);
         comm_read(fd, data_handler, conn);
       } else {
-        dlog(DLOG_SMTP, 3, "%p, Error receiving client data: %m. Closing connection\n", ptr(conn));
+        dlog(DLOG_SMTP, 3, "%p, Error receiving client data: %m. Closing connection\n",
+             log_ptr(conn));
         close_connection(conn);
       }
       return;
     }
     if (piece->length == 0) {
-      dlog(DLOG_SMTP, 4, "%p, Connection closed by peer while receiving data.", ptr(conn));
+      dlog(DLOG_SMTP, 4, "%p, Connection closed by peer while receiving data.", log_ptr(conn));
       close_connection(conn);
       return;
     }
@@ -190,7 +186,7 @@ void data_handler(int fd, void* data) {
       if (static_cast<size_t>(piece->length) == TERMINATOR_LENGTH &&
           memcmp(piece->data, TERMINATOR, TERMINATOR_LENGTH) == 0) {
         end_seen = true;
-        dlog(DLOG_SMTP, 9, "%p, normal end of data encountered, done fetching.\n", ptr(conn));
+        dlog(DLOG_SMTP, 9, "%p, normal end of data encountered, done fetching.\n", log_ptr(conn));
       }
     }
     if (conn->in_header && conn->newline) watch_transfer_encoding(conn, piece);
@@ -198,7 +194,7 @@ void data_handler(int fd, void* data) {
     if (!end_seen && !ms_pending && conn->declared_size > 0 &&
         conn->bytes_received == conn->declared_size + 3 &&
         ends_with(piece, TERMINATOR, TERMINATOR_LENGTH)) {
-      dlog(DLOG_SMTP, 9, "%p, MS end of data encountered, continue to read.\n", ptr(conn));
+      dlog(DLOG_SMTP, 9, "%p, MS end of data encountered, continue to read.\n", log_ptr(conn));
       ms_pending = true;
       if (!store(conn, piece->data, piece->length - TERMINATOR_LENGTH)) {
         scan_file_write_failed(conn);
@@ -209,7 +205,7 @@ void data_handler(int fd, void* data) {
     bool at_line_start = conn->newline;
     conn->newline = piece->data[piece->length - 1] == '\n';
     if (ms_pending) {
-      dlog(DLOG_SMTP, 9, "%p, Adding stripped .<CR><LF> back to the data stream.\n", ptr(conn));
+      dlog(DLOG_SMTP, 9, "%p, Adding stripped .<CR><LF> back to the data stream.\n", log_ptr(conn));
       ms_pending = false;
       if (!store(conn, TERMINATOR, TERMINATOR_LENGTH)) {
         scan_file_write_failed(conn);
@@ -242,7 +238,7 @@ void finish_data(Connection* conn) {
   conn->scan_file = nullptr;
   free(conn->msgid);
   conn->msgid = header_field_value("message-id:", conn->scan_file_name->data);
-  dlog(DLOG_SMTP, 5, "%p, Start scanning email (msgid=%s)\n", ptr(conn),
+  dlog(DLOG_SMTP, 5, "%p, Start scanning email (msgid=%s)\n", log_ptr(conn),
        conn->msgid != nullptr ? conn->msgid : "(null)");
   if (conn->idle_timer != nullptr) timer_cancel(conn->idle_timer);
   conn->idle_timer = nullptr;
@@ -260,7 +256,7 @@ void finish_data(Connection* conn) {
                                  conn->from != nullptr ? conn->from->data : nullptr,
                                  config.max_spam_scan_size, config.spam_bypass);
   dlog(DLOG_SMTP, 7, "New spam request %p for connection %p\n",
-       static_cast<void*>(conn->spam_request), ptr(conn));
+       static_cast<void*>(conn->spam_request), log_ptr(conn));
 }
 
 void av_scan_timeout(void* data) {

@@ -18,10 +18,6 @@ namespace {
 DynString* rcpt_address = nullptr;
 DynString* rcpt_domain = nullptr;
 
-void* ptr(Connection* conn) {
-  return static_cast<void*>(conn);
-}
-
 bool begins_with(const DynString* line, const char* prefix) {
   size_t n = strlen(prefix);
   return static_cast<size_t>(line->length) >= n && strncasecmp(line->data, prefix, n) == 0;
@@ -57,14 +53,14 @@ int refuse_mail(Connection* conn, const char* reply, const char* log) {
   smtp_reply(conn, reply);
   conn->errors += 1;
   reset_transaction(conn);
-  dlog(DLOG_SMTP, 4, "%p: response to MAIL FROM: %s\n", ptr(conn), log);
+  dlog(DLOG_SMTP, 4, "%p: response to MAIL FROM: %s\n", log_ptr(conn), log);
   return conn->closed;
 }
 
 int refuse_rcpt(Connection* conn, const char* reply, const char* log) {
   smtp_reply(conn, reply);
   conn->errors += 1;
-  dlog(DLOG_SMTP, 4, "%p: response to RCPT TO: %s\n", ptr(conn), log);
+  dlog(DLOG_SMTP, 4, "%p: response to RCPT TO: %s\n", log_ptr(conn), log);
   return conn->closed;
 }
 
@@ -82,13 +78,13 @@ int smtp_mail(const DynString* line, Connection* conn) {
   if (!begins_with(line, "mail from:")) {
     smtp_reply(conn, "500 malformed mail from\r\n");
     conn->errors += 1;
-    dlog(DLOG_SMTP, 4, "%p: response to MAIL FROM: 500 malformed mail from\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p: response to MAIL FROM: 500 malformed mail from\n", log_ptr(conn));
     return conn->closed;
   }
   if (conn->helo_domain == nullptr) {
     smtp_reply(conn, "553 Need EHLO before MAIL\r\n");
     conn->errors += 1;
-    dlog(DLOG_SMTP, 4, "%p: response to MAIL FROM: 553 Need EHLO before MAIL\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p: response to MAIL FROM: 553 Need EHLO before MAIL\n", log_ptr(conn));
     return conn->closed;
   }
 
@@ -110,7 +106,7 @@ int smtp_mail(const DynString* line, Connection* conn) {
   }
 
   if (find_size(line, &conn->declared_size)) {
-    dlog(DLOG_SMTP, 9, "%p, MAIL FROM has SIZE=%lld parameter\n", ptr(conn),
+    dlog(DLOG_SMTP, 9, "%p, MAIL FROM has SIZE=%lld parameter\n", log_ptr(conn),
          static_cast<long long>(conn->declared_size));
     if (conn->declared_size > config.max_msg_size) {
       return refuse_mail(conn, "552 Message size exceeds fixed maximum message size\r\n",
@@ -119,7 +115,7 @@ int smtp_mail(const DynString* line, Connection* conn) {
   }
 
   smtp_reply(conn, "250 OK\r\n");
-  dlog(DLOG_SMTP, 4, "%p, response to MAIL FROM: 250 OK\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to MAIL FROM: 250 OK\n", log_ptr(conn));
   return conn->closed;
 }
 
@@ -147,13 +143,13 @@ int smtp_rcpt(const DynString* line, Connection* conn) {
     dlog(DLOG_SMTP, 9, "Relaying denied to %s\n", rcpt_domain->data);
     smtp_reply(conn, "550 relaying denied\r\n");
     conn->errors += 1;
-    dlog(DLOG_SMTP, 4, "%p, response to RCPT TO: 550 relaying denied\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, response to RCPT TO: 550 relaying denied\n", log_ptr(conn));
     return conn->closed;
   }
 
   add_rcpt(conn, smtp_checked(dstr_copy(rcpt_address)));
   smtp_reply(conn, "250 OK\r\n");
-  dlog(DLOG_SMTP, 4, "%p, response to RCPT TO: 250 OK\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to RCPT TO: 250 OK\n", log_ptr(conn));
   return conn->closed;
 }
 

@@ -33,18 +33,6 @@ namespace {
 // overwrite the picture of the moment the limit was first reached.
 bool dump_on_refusal = true;
 
-// Dotted form of an address, for log lines that name two of them at once.
-struct Dotted {
-  explicit Dotted(const sockaddr_in& a) {
-    if (inet_ntop(AF_INET, &a.sin_addr, text, sizeof text) == nullptr) strcpy(text, "?");
-  }
-  char text[INET_ADDRSTRLEN];
-};
-
-int port_of(const sockaddr_in& a) {
-  return ntohs(a.sin_port);
-}
-
 void free_rcpt_list(RcptNode** head) {
   for (RcptNode* node = *head; node != nullptr;) {
     RcptNode* next = node->next;
@@ -111,6 +99,12 @@ bool smtp_reply(Connection* conn, const char* text) {
     return true;
   close_connection(conn);
   return false;
+}
+
+bool smtp_reply_and_resume(Connection* conn, const char* text) {
+  if (!smtp_reply(conn, text) || conn->closed) return false;
+  comm_read(conn->sender_fd, command_handler, conn);
+  return true;
 }
 
 void smtp_init_listener() {

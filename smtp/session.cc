@@ -10,10 +10,6 @@
 
 namespace {
 
-void* ptr(Connection* conn) {
-  return static_cast<void*>(conn);
-}
-
 // HELO and EHLO differ in their texts, their success reply, and in that EHLO
 // also drops the envelope when it refuses.
 int hello(const DynString* line, Connection* conn, bool ehlo) {
@@ -29,7 +25,7 @@ int hello(const DynString* line, Connection* conn, bool ehlo) {
     dlog(DLOG_SMTP, 4,
          ehlo ? "%p, response to EHLO: 501 EHLO requires a domain address\n"
               : "%p, response to HELO: 501 HELO requires a domain address\n",
-         ptr(conn));
+         log_ptr(conn));
     if (ehlo && !conn->closed) reset_transaction(conn);
     return conn->closed;
   }
@@ -49,8 +45,8 @@ int hello(const DynString* line, Connection* conn, bool ehlo) {
   if (conn->helo_domain != nullptr) {
     const char* response = ehlo ? config.ehlo_response : config.helo_response;
     smtp_reply(conn, response);
-    dlog(DLOG_SMTP, 4, ehlo ? "%p, response to EHLO: %s" : "%p, response to HELO: %s", ptr(conn),
-         response);
+    dlog(DLOG_SMTP, 4, ehlo ? "%p, response to EHLO: %s" : "%p, response to HELO: %s",
+         log_ptr(conn), response);
     // A reply that could not be written has closed the connection, and with
     // it freed helo_domain.
     if (conn->closed) return 1;
@@ -81,7 +77,7 @@ int smtp_quit(const DynString*, Connection* conn) {
   // The reply's completion closes the connection; when the write goes out at
   // once that happens before comm_write returns, so its result tells nothing.
   comm_write(conn->sender_fd, "221 Goodbye.\r\n", 14, quit_callback, conn, nullptr);
-  dlog(DLOG_SMTP, 4, "%p, response to sender QUIT command: 221 Goodbye.\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to sender QUIT command: 221 Goodbye.\n", log_ptr(conn));
   return 1;
 }
 
@@ -116,13 +112,13 @@ int smtp_rset(const DynString* line, Connection* conn) {
       close_connection(conn);
       return 1;
     }
-    dlog(DLOG_SMTP, 4, "%p, sent RSET to backend, waiting for response.\n", ptr(conn));
+    dlog(DLOG_SMTP, 4, "%p, sent RSET to backend, waiting for response.\n", log_ptr(conn));
     conn->be_state = BE_RSET;
     comm_read(conn->receiver_fd, response_handler, conn);
     return 1;
   }
   reset_transaction(conn);
-  dlog(DLOG_SMTP, 4, "%p, response to RSET: %s\n", ptr(conn), "250 OK\r\n");
+  dlog(DLOG_SMTP, 4, "%p, response to RSET: %s\n", log_ptr(conn), "250 OK\r\n");
   smtp_reply(conn, "250 OK\r\n");
   return conn->closed;
 }
@@ -130,19 +126,19 @@ int smtp_rset(const DynString* line, Connection* conn) {
 int smtp_help(const DynString* line, Connection* conn) {
   dlog(DLOG_SMTP, 9, "help line: %s", line->data);
   smtp_reply(conn, "214 See RFC 2821\r\n");
-  dlog(DLOG_SMTP, 4, "%p, response to HELP: 214 See RFC 2821\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to HELP: 214 See RFC 2821\n", log_ptr(conn));
   return conn->closed;
 }
 
 int smtp_noop(const DynString* line, Connection* conn) {
   dlog(DLOG_SMTP, 9, "noop line: %s", line->data);
   smtp_reply(conn, "250 OK\r\n");
-  dlog(DLOG_SMTP, 4, "%p, response to NOOP: 250 OK\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to NOOP: 250 OK\n", log_ptr(conn));
   return conn->closed;
 }
 
 int smtp_vrfy(const DynString*, Connection* conn) {
   smtp_reply(conn, "252 Maybe\r\n");
-  dlog(DLOG_SMTP, 4, "%p, response to VRFY: 252 Maybe\n", ptr(conn));
+  dlog(DLOG_SMTP, 4, "%p, response to VRFY: 252 Maybe\n", log_ptr(conn));
   return conn->closed;
 }

@@ -6,6 +6,7 @@
 // (free_closed_connections), so a callback may still look at a closed one.
 #pragma once
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <cstdint>
@@ -118,12 +119,33 @@ void sender_write_callback(int fd, int status, void* data);
 void idle_timeout_handler(void* data);
 void dump_connections(FILE* stream);
 
+// The %p that names a connection at the start of its log lines.
+inline void* log_ptr(Connection* conn) {
+  return conn;
+}
+
+// Dotted form of an address, for log lines that name two of them at once
+// (inet_ntoa's one static buffer would not do).
+struct Dotted {
+  explicit Dotted(const sockaddr_in& a) {
+    if (inet_ntop(AF_INET, &a.sin_addr, text, sizeof text) == nullptr) text[0] = '?', text[1] = 0;
+  }
+  char text[INET_ADDRSTRLEN];
+};
+inline int port_of(const sockaddr_in& a) {
+  return ntohs(a.sin_port);
+}
+
 // Returns s; a null s (allocation failed) ends the process.
 DynString* smtp_checked(DynString* s);
 
 // Writes a constant reply text to the sender. On failure the connection is
 // closed and false returned; handlers then return conn->closed.
 bool smtp_reply(Connection* conn, const char* text);
+// smtp_reply, then the sender's commands are read again: the step after any
+// answer that ends a transaction but not the connection. False when the
+// connection is closed.
+bool smtp_reply_and_resume(Connection* conn, const char* text);
 
 // --- Command reader (smtp/commands.cc) ---
 
