@@ -46,8 +46,9 @@ class ControlAndDiagnosticsTest(vb.BedTestCase):
         bed = self.make_bed()
         ctrl = bed.host_path("/var/run/smtp_ctrl.sock")
         ctrl.write_text("stale\n")
-        bed.start_daemon()
-        self.assertEqual(ctrl.stat().st_mode, stat.S_IFSOCK | 0o777)  # the stale file replaced
+        bed.start_daemon()  # it listens before it makes the socket: wait for the stale file replaced
+        vb.wait_until(lambda: ctrl.is_socket() and ctrl.stat().st_mode == stat.S_IFSOCK | 0o777,
+                      10, "the control socket, mode 0777")
         client = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(client.close)
         client.bind(str(bed.host_path("/var/tmp/c1")))

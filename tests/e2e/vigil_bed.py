@@ -277,8 +277,8 @@ class FakeBackend:
                 return
             self._conns.append(conn)
             session = types.SimpleNamespace(peer=peer, lines=[], messages=[], closed=False)
+            self._note(self.sessions, session)  # listed before it can answer anything
             self._start(self._serve, conn, session)
-            self._note(self.sessions, session)
 
     def _serve(self, conn, session):
         f, auth_steps = conn.makefile("rb"), []
