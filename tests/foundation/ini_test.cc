@@ -8,9 +8,11 @@
 
 namespace {
 
+using namespace foundation_test;
+
 // The whole tree after each import shows in its export; empty values are left out.
 TEST(Ini, ImportTable) {
-  foundation_test::TempDir tmp;
+  TempDir tmp;
   const std::string v509(509, 'v');
   const std::tuple<std::string, int, std::string> cases[] = {
       {"a = b c\nempty=\nx = 1 = 2\n  # a=1\nc = 3 # no comment\n", INI_OK,
@@ -26,23 +28,21 @@ TEST(Ini, ImportTable) {
     ini_clear();
     EXPECT_EQ(ini_import(tmp.write("in", text).c_str()), code) << text;
     EXPECT_EQ(ini_export(tmp.file("out").c_str()), INI_OK);
-    EXPECT_EQ(tmp.read("out"), exported) << text;
+    EXPECT_EQ(slurp(tmp.file("out")), exported) << text;
   }
   EXPECT_EQ(ini_import(tmp.file("missing").c_str()), INI_FILE_ERROR);
   EXPECT_EQ(ini_export(tmp.file("no/dir").c_str()), INI_FILE_ERROR);
   EXPECT_STREQ(ini_strerror(INI_MISSING_NAME), "unknown ini error 3");
   EXPECT_STREQ(ini_strerror(INI_FILE_ERROR), "INI_FILE_ERROR");
   // Errors are logged at level 7, and nothing at 3.
-  EXPECT_EQ(foundation_test::logged([&] { ini_import(tmp.write("bad", " = v\n").c_str()); }, 3),
-            "");
-  EXPECT_NE(foundation_test::logged([&] { ini_import(tmp.file("bad").c_str()); }, 7)
-                .find("Missing name in: = v\n"),
-            std::string::npos);
+  EXPECT_EQ(logged([&] { ini_import(tmp.write("bad", " = v\n").c_str()); }, 3), "");
+  EXPECT_TRUE(
+      contains(logged([&] { ini_import(tmp.file("bad").c_str()); }, 7), "Missing name in: = v\n"));
   ini_clear();
 }
 
 TEST(Ini, LaterFileWinsAndLookupMindsSectionAndCase) {
-  foundation_test::TempDir tmp;
+  TempDir tmp;
   ASSERT_EQ(ini_import(tmp.write("1", "k=top\n[s]\nk=1\nc=c\n[t]\nx=1\ny=1\n").c_str()), INI_OK);
   ASSERT_EQ(ini_import(tmp.write("2", "[s]\nk=2\np=p\n[ ]\nk=empty\n[t]\ny=\n").c_str()), INI_OK);
   EXPECT_STREQ(ini_get_var(nullptr, "k"), "top");

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "foundation/dlog.h"
 
@@ -42,10 +41,6 @@ struct TempDir {  // removed with everything in it at the end
     std::ofstream(file(name), std::ios::binary) << text;
     return file(name);
   }
-  std::string read(const std::string& name) const {
-    std::ifstream in(file(name), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
 };
 
 // What body writes to a stream.
@@ -65,12 +60,10 @@ inline std::string logged(const std::function<void()>& body, unsigned level = 9)
     fflush(stderr);
     int saved = dup(2);
     dup2(fileno(sink), 2);
-    unsigned mode = dlog_set_mode("vigild_test", DLOG_MODE_STDERR);
-    std::vector<unsigned> levels;
-    for (unsigned s = 0; s < DLOG_MAX_SECTIONS; s++) levels.push_back(dlog_get_level(s));
-    dlog_set_level(0, level);
+    unsigned mode = dlog_set_mode("vigild_test", DLOG_MODE_STDERR), before = dlog_get_level(0);
+    dlog_set_level(0, level);  // the tests set no single section
     body();
-    for (unsigned s = 0; s < DLOG_MAX_SECTIONS; s++) dlog_set_level(s, levels[s]);
+    dlog_set_level(0, before);
     dlog_set_mode("vigild_test", mode);
     fflush(stderr);
     dup2(saved, 2);
