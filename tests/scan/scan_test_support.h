@@ -4,44 +4,21 @@
 #pragma once
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <ctime>
-#include <functional>
-#include <string>
-#include <vector>
 
-#include "event/comm.h"
-#include "event/timer.h"
-#include "foundation/dlog.h"
-#include "foundation/fd.h"
-#include "gtest/gtest.h"
+#include "tests/event/event_test_support.h"
 
 namespace scan_test {
 
 class FakeServer {
  public:
-  explicit FakeServer(const char* name) {
-    [[maybe_unused]] static bool loop_ready = [] {
-      signal(SIGPIPE, SIG_IGN);  // as the daemon does
-      dlog_set_mode("scan_tests", 0);
-      comm_init(256);
-      timer_init();
-      return true;
-    }();
-    char dir[] = "/tmp/scan-test-XXXXXX";
-    dir_ = mkdtemp(dir) != nullptr ? dir : "/tmp";
-    path_ = dir_ + "/" + name;
-  }
-  ~FakeServer() {
-    stop();
-    rmdir(dir_.c_str());
-  }
+  explicit FakeServer(const char* name) : path_(dir_.file(name)) { event_test::init_loop_once(); }
+  ~FakeServer() { stop(); }
   const char* path() const { return path_.c_str(); }
 
   void listen() {
@@ -70,36 +47,31 @@ class FakeServer {
   // The connection whose traffic contains text, or -1.
   int peer_with(const std::string& text) const {
     for (size_t i = 0; i < peers_.size(); i++)
-      if (peers_[i].in.find(text) != std::string::npos) return static_cast<int>(i);
+      if (foundation_test::contains(peers_[i].in, text)) return static_cast<int>(i);
     return -1;
   }
 
-  // Waits up to ms for something to accept or read, then takes all of it.
-  void pump(int ms) {
-    std::vector<pollfd> set{{listener_.get(), POLLIN, 0}};  // poll skips closed (-1) ones
-    for (Peer& p : peers_) set.push_back({p.fd.get(), POLLIN, 0});
-    poll(set.data(), set.size(), ms);
-    for (int fd; (fd = accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK)) >= 0;)
-      peers_.push_back(Peer{UniqueFd(fd), {}});
-    char buf[4096];
-    for (Peer& p : peers_) {
-      ssize_t n;
-      while ((n = read(p.fd.get(), buf, sizeof(buf))) > 0) p.in.append(buf, n);
-      if (n == 0) p.fd.reset();
-    }
-  }
-
-  // Runs the fake, one poll pass and the due timers until done() holds or
-  // seconds (reconnect timers count whole seconds) have passed.
+  // Runs the fake (accepting and reading all there is), one poll pass and the
+  // due timers until done() holds or seconds (reconnect timers count whole
+  // seconds) have passed.
   bool run_until(const std::function<bool()>& done, int seconds = 15) {
-    time_t end = time(nullptr) + seconds;
-    do {
-      pump(10);
+    for (time_t end = time(nullptr) + seconds; time(nullptr) < end;) {
+      std::vector<pollfd> set{{listener_.get(), POLLIN, 0}};  // poll skips closed (-1) ones
+      for (Peer& p : peers_) set.push_back({p.fd.get(), POLLIN, 0});
+      poll(set.data(), set.size(), 10);
+      for (int fd; (fd = accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK)) >= 0;)
+        peers_.push_back(Peer{UniqueFd(fd), {}});
+      char buf[4096];
+      for (Peer& p : peers_) {
+        ssize_t n;
+        while ((n = read(p.fd.get(), buf, sizeof(buf))) > 0) p.in.append(buf, n);
+        if (n == 0) p.fd.reset();
+      }
       comm_update_time();  // comm_run skips it when nothing is registered
       comm_run(0);
       timer_run();
       if (done()) return true;
-    } while (time(nullptr) < end);
+    }
     return false;
   }
 
@@ -108,7 +80,8 @@ class FakeServer {
     UniqueFd fd;
     std::string in;
   };
-  std::string dir_, path_;
+  foundation_test::TempDir dir_;
+  std::string path_;
   UniqueFd listener_;
   std::vector<Peer> peers_;
 };
@@ -130,6 +103,13 @@ class ClientTest : public ::testing::Test {
     for (Job<Request>& j : jobs_)
       if (j.req != nullptr) cancel(j.req);
     shutdown();
+  }
+  // As the verdict handlers do: note the result, give the request back (none
+  // yet when the client answers before it returns one).
+  static void done(Job<Request>* job, int result) {
+    job->results.push_back(result);
+    if (job->req != nullptr) cancel(job->req);
+    job->req = nullptr;
   }
   bool answered(int i) { return !jobs_[i].results.empty(); }
   V result_of(int i) {
