@@ -1,6 +1,7 @@
 // Fuzzes a whole sender session: the input arrives in three pieces on a
 // socketpair, then the sender half-closes. Whatever it sent, the session must
-// end (no wedge), and nothing may crash or leak.
+// end (no wedge), and nothing may crash or leak. Envelope lines reach the
+// address search here too.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,25 +13,10 @@
 #include "event/comm.h"
 #include "event/timer.h"
 #include "foundation/dlog.h"
-#include "foundation/fd.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 
 namespace {
-
-void init_once() {
-  static const bool done = [] {
-    signal(SIGPIPE, SIG_IGN);
-    dlog_set_mode("session_fuzz", 0);
-    timer_init();
-    comm_init(1024);
-    read_config("/nonexistent/common.conf", "/nonexistent/proxy.conf");
-    config.max_errors = 1000;  // let long inputs reach deep states
-    command_line = dstr_new(COMMAND_LINE_CAPACITY);
-    return true;
-  }();
-  (void)done;
-}
 
 void run_and_drain(int peer, int passes) {
   char buf[65536];
@@ -44,21 +30,24 @@ void run_and_drain(int peer, int passes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  init_once();
-  if (size > 20000) return 0;
+  [[maybe_unused]] static const bool ready = [] {
+    signal(SIGPIPE, SIG_IGN);
+    dlog_set_mode("session_fuzz", 0);
+    timer_init();
+    comm_init(1024);
+    read_config("/nonexistent/common.conf", "/nonexistent/proxy.conf");
+    config.max_errors = 1000;  // let long inputs reach deep states
+    command_line = dstr_new(COMMAND_LINE_CAPACITY);
+    return true;
+  }();
   int sv[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) < 0) return 0;
-  set_nonblock(sv[0]);
-  set_nonblock(sv[1]);
+  if (size > 20000 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv) < 0) return 0;
   Connection* conn = new_connection();
   conn->sender_fd = sv[0];
-  conn->sender_addr.sin_family = AF_INET;
+  conn->sender_addr.sin_family = conn->receiver_addr.sin_family = AF_INET;
   conn->sender_addr.sin_addr.s_addr = htonl(0xc0000210);  // 192.0.2.16
-  conn->receiver_addr.sin_family = AF_INET;
   smtp_start_session(conn);
-
-  size_t offset = 0;
-  for (int piece = 0; piece < 3; piece++) {
+  for (size_t piece = 0, offset = 0; piece < 3; piece++) {
     size_t n = piece < 2 ? size / 3 : size - offset;
     if (n > 0 && write(sv[1], data + offset, n) < 0) break;
     offset += n;
