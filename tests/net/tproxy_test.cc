@@ -58,15 +58,11 @@ TEST(Tproxy, EachOperationFillsTheRecordAndNamesItsRefusal) {
   for (const auto& [name, op, optname, call] : cases) {
     fake = FakeKernel{};
     EXPECT_EQ(call(), 0) << name;
-    EXPECT_EQ(std::tuple(fake.optname, fake.len, fake.seen.op), std::tuple(optname, 72u, op))
-        << name;
-    EXPECT_EQ(memcmp(&fake.seen.src, &src, sizeof src) + memcmp(&fake.seen.dst, &dst, sizeof dst),
-              0)
-        << name;
-    if (optname == 200) {
-      EXPECT_EQ(fake.seen.fd, 17) << name;
-      EXPECT_EQ(memcmp(&fake.seen.local, &local, sizeof local), 0) << name;
-    }
+    EXPECT_EQ(std::pair(fake.optname, fake.len), std::pair(optname, 72u)) << name;
+    TproxyAssoc want{};  // the get call passes no descriptor or local address
+    want.src = src, want.dst = dst, want.op = op;
+    if (optname == 200) want.fd = 17, want.local = local;
+    EXPECT_EQ(memcmp(&fake.seen, &want, sizeof want), 0) << name;
     fake.answer = -1;
     fake.error = EOPNOTSUPP;
     EXPECT_EQ(logged([&] { EXPECT_EQ(call(), 1) << name; }),
