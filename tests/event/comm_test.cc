@@ -1,7 +1,6 @@
 // The poll loop's dispatch rules, connects and accepts (comm_write_test.cc has
 // the write queue).
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <poll.h>
 
 #include <algorithm>

@@ -1,16 +1,13 @@
-// Process utilities, and the crash report that the signal handler writes (the
-// handler itself ends the process by the signal, which a test cannot survive).
-#include "daemon/util.h"
+// The crash report that the signal handler writes (the handler itself ends the
+// process by the signal, which a test cannot survive).
+#include "daemon/signals.h"
 
-#include <arpa/inet.h>
 #include <ucontext.h>
 
 #include <cerrno>
 #include <regex>
 #include <string>
 
-#include "daemon/signals.h"
-#include "foundation/fd.h"
 #include "gtest/gtest.h"
 #include "tests/foundation/test_util.h"
 
