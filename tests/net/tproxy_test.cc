@@ -73,12 +73,10 @@ TEST(Tproxy, EachOperationFillsTheRecordAndNamesItsRefusal) {
   fake.result = addr("10.0.0.1", 25);
   result = addr("1.2.3.4", 5);
   ASSERT_EQ(tproxy_s2p(3, 1, &src, &dst, &local, &found, &result), 0);
-  EXPECT_EQ(found, 0);
-  EXPECT_EQ(result.sin_addr.s_addr, inet_addr("1.2.3.4"));
+  EXPECT_EQ(std::pair(found, result.sin_addr.s_addr), std::pair(0, inet_addr("1.2.3.4")));
   fake.answer = 1;
   ASSERT_EQ(tproxy_c2p(3, 1, &src, &dst, &local, &found, &result), 0);
-  EXPECT_EQ(found, 1);
-  EXPECT_EQ(result.sin_addr.s_addr, inet_addr("10.0.0.1"));
+  EXPECT_EQ(std::pair(found, result.sin_addr.s_addr), std::pair(1, inet_addr("10.0.0.1")));
   tproxy_set_sockopt_calls(nullptr, nullptr);
 }
 

@@ -10,8 +10,7 @@
 namespace {
 
 using namespace std::string_literals;
-using foundation_test::slurp;
-using foundation_test::TempDir;
+using namespace foundation_test;
 using Case = std::tuple<const char*, std::string, std::string>;  // label, input, output
 
 const std::string kNull = "<null>", kMega(1 << 20, 'a');

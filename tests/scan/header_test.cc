@@ -9,8 +9,7 @@
 namespace {
 
 using namespace std::string_literals;
-using foundation_test::slurp;
-using foundation_test::TempDir;
+using namespace foundation_test;
 
 const std::string kMegaLine(1 << 20, 'a');
 

@@ -6,8 +6,7 @@
 
 namespace {
 
-using foundation_test::contains;
-using foundation_test::written;
+using namespace foundation_test;
 using scan_test::V;
 using Job = scan_test::Job<VscanRequest>;
 
