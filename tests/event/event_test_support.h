@@ -14,9 +14,8 @@
 namespace event_test {
 
 inline void init_loop_once() {
-  static bool done = (signal(SIGPIPE, SIG_IGN), dlog_set_mode("event_tests", 0), comm_init(1024),
-                      timer_init(), true);
-  (void)done;
+  [[maybe_unused]] static bool done = (signal(SIGPIPE, SIG_IGN), dlog_set_mode("event_tests", 0),
+                                       comm_init(1024), timer_init(), true);
 }
 
 struct SocketPair {
