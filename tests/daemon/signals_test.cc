@@ -22,12 +22,11 @@ TEST(CrashReport, NamesSignalFaultAddressFramesAndRegisters) {
   ucontext_t context;
   getcontext(&context);
   std::string log = foundation_test::logged([&] { crash_report("Crash", &info, &context); }, 0);
-  EXPECT_EQ(
-      log.rfind("Crash: Begin\nCrash: Version " VIGILD_VERSION "\nCrash: Received signal 11\n"
-                "Crash: Signal code 1\nCrash: Associated errno 14\nCrash: Dumping call stack:\n"
-                "Crash: 0: 0x",
-                0),
-      0u);
+  EXPECT_TRUE(
+      log.starts_with("Crash: Begin\nCrash: Version " VIGILD_VERSION
+                      "\nCrash: Received signal 11\nCrash: Signal code 1\nCrash: Associated "
+                      "errno 14\nCrash: Dumping call stack:\nCrash: 0: 0x"))
+      << log;
   EXPECT_TRUE(std::regex_search(
       log, std::regex("\nCrash: 0: 0x[0-9a-f]+ \\(faultaddr: 0xdead\\) \\(file: .+ "
                       "base: 0x[0-9a-f]+")))
