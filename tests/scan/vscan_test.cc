@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include <regex>
+
 #include "scan_test_support.h"
 
 namespace {
@@ -38,6 +40,16 @@ TEST_F(VscanTest, RequestLinesNumbersAndRepliesMatchedByNumberInAnyOrder) {
                                    "-1\tmscan\t/scan/f0\t10.1.2.3\t10.9.0.1\tunknown\n"
                                    "1\tcscan\t/scan/f1\t10.1.2.3\t10.9.0.1\tm1\n"
                                    "2\tfscan\t/scan/f2\t10.1.2.3\t10.9.0.1\tm2\n");
+  const std::string ptr = "(0x[0-9a-f]+|\\(nil\\))";  // a %p value
+  EXPECT_TRUE(std::regex_match(
+      written(vs_dump),
+      std::regex("vscan dump:\nconnection_state 2 scanner_fd \\d+ scanner_addr: " +
+                 std::string(fake_.path()) + "\nconnect_handle \\(nil\\) vs_head " + ptr +
+                 " vs_tail " + ptr + " line " + ptr + " stream " + ptr +
+                 "\nPending vscan requests: \n"  // newest first
+                 "filename /scan/f2 id m2 from 10.1.2.3\nto 10.9.0.1 vst 7 num 2\n"
+                 "filename /scan/f1 id m1 from 10.1.2.3\nto 10.9.0.1 vst 3 num 1\n"
+                 "filename /scan/f0 id unknown from 10.1.2.3\nto 10.9.0.1 vst 1 num -1\n")));
 
   // Any order, C integer syntax, an optional name; a cancelled request's
   // reply finds nothing and changes nothing.
