@@ -5,7 +5,7 @@ import re
 import threading
 
 import vigil_bed as vb
-from scanners import Action, FakeAntiSpam, FakeVirusScanner
+from scanners import SILENT, FakeAntiSpam, FakeVirusScanner
 
 AS_PATH = "/var/lib/norvik/as.sock"
 VS_PATH = "/var/lib/norvik/scannerd.sock"
@@ -13,22 +13,21 @@ SCAN_DIR = "/var/av/scan"
 BODY = b"Message-ID: <m1@road.test>\r\nSubject: hello\r\n\r\n..dotted\r\nplain\r\n"
 
 
-def message(sender, rcpts, ehlo=True):
-    """The sender's side of one transaction, as a list of (line, expected prefix)."""
+def message(sender, rcpts, ehlo=True):  # [(line, expected reply prefix)] up to DATA
     lines = [("EHLO client.test", b"250")] * ehlo + [(f"MAIL FROM:<{sender}>", b"250")]
     return lines + [(f"RCPT TO:<{r}>", b"250") for r in rcpts] + [("DATA", b"354")]
 
 
 class RoadCase(vb.BedTestCase):
     def road(self, settings=None, spam=None, virus=None, scanners=True):
-        """A daemon with both fake scanners (connected) and a fake backend."""
+        """A daemon with a fake backend and, unless scanners is False, both fake scanners."""
         self.bed = bed = self.make_bed()
-        self.spam = FakeAntiSpam(bed.host_path(AS_PATH), spam, start=scanners)
-        self.virus = FakeVirusScanner(bed.host_path(VS_PATH), virus, start=scanners)
-        self.addCleanup(lambda: self.spam.stop() or self.virus.stop())
+        if scanners:
+            self.spam = FakeAntiSpam(bed.host_path(AS_PATH), spam)
+            self.virus = FakeVirusScanner(bed.host_path(VS_PATH), virus)
+            self.addCleanup(lambda: self.spam.stop() or self.virus.stop())
         self.backend = bed.start_backend()
-        merged = {"as_connections": "2", "idle_timeout": "60"}
-        merged.update(settings or {})
+        merged = {"as_connections": "2", "idle_timeout": "60", **(settings or {})}
         bed.start_daemon(merged)
         pool = int(merged["as_connections"])
         if scanners and merged.get("use_scanner") != "0":
@@ -140,7 +139,7 @@ class ScannerTroubleTest(RoadCase):
     def test_silent_scanner_hits_the_time_out(self):
         # scanner_timeout 0 expires at the next timer pass; the scanner never answers.
         self.road({"scanner_timeout": "0", "as_connections": "0"},
-                  virus=lambda line: Action(silent=True))
+                  virus=lambda line: SILENT)
         c = self.bed.connect()
         self.assertEqual(self.send(c, "a@x.test"), b"451 AV scanner timeout\r\n")
         self.bed.daemon.wait_log("AV scan timed out on connection")
@@ -198,7 +197,7 @@ class DisconnectTest(RoadCase):
         leave(b"Subject: half\r\n", "Connection closed by peer while receiving data.",
               lambda: self.bed.daemon.wait_log("Inside data_handler"))
         held = BODY.replace(b"<m1@road.test>", b"<hold>")
-        leave(held + b".\r\n", "vscan_cancel num 1", lambda: self.virus.wait_requests(1),
+        leave(held + b".\r\n", "vscan_cancel num 1", lambda: self.virus.wait_for(lambda v: v.requests),
               release=gate.set)
         leave(BODY + b".\r\n", "Closing connection", lambda: self.relayed(1), count=3)
         hold.set()
@@ -248,7 +247,7 @@ class RealClientsTest(RoadCase):
         # redirected instead, so the proxy's own connections stay direct.
         ns.exec(["iptables", "-t", "nat", "-A", "OUTPUT", "-p", "tcp", "-m", "owner",
                  "--uid-owner", "65534", "-d", vb.BACKEND_ADDR, "--dport", str(vb.BACKEND_PORT),
-                 "-j", "REDIRECT", "--to-ports", str(self.bed.listen_port)])
+                 "-j", "REDIRECT", "--to-ports", str(vb.LISTEN_PORT)])
         ns.exec(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                  "smtp-source", "-s", "5", "-m", "50", "-l", "4096", "-f", "a@x.test",
                  "-t", "b@x.test", target])
