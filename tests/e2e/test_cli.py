@@ -51,10 +51,6 @@ class CliTest(vb.BedTestCase):
         self.assertFalse(stale.exists())
         self.assertEqual(sorted(os.listdir(scan)), ["other", "xvigild_1"])
         self.assertFalse(bed.host_path("/var/run/vigild.pid").exists())  # foreground: no pid file
-        d.signal(signal.SIGUSR2)
-        path = bed.host_path("/var/support/my.dump")
-        vb.wait_until(lambda: path.exists() and "DLOG DUMP:\n" in path.read_text(), 10, "the dump")
-        self.assertIn("    num_connections 0\n", path.read_text())
         d.signal(signal.SIGTERM)
         self.assertEqual(d.wait(), 0)
         (scan / "vigild_2").write_text("x")
