@@ -1,63 +1,32 @@
-"""Fake anti-spam service and virus scanner on Unix stream sockets, speaking the daemon's protocols.
+r"""Fake anti-spam service and virus scanner on Unix stream sockets, speaking the daemon's protocols.
 
-anti-spam: "file id size[ sender]\\n" answered "verdict key\\n" (key: the file name's last 6
-characters); virus scanner: hello "0\\tPROXY\\tsmtp\\n" answered "0 0\\n", then
-"num\\ttype\\tfile\\tfrom\\tto\\tid\\n" answered "num 0xverdict\\n". script picks the verdict per
-request line (str, no "\\n"): a function of the line, or a dict whose first key found in the line
+anti-spam: "file id size[ sender]\n" answered "verdict key\n" (key: the file name's last 6
+characters); virus scanner: hello "0\tPROXY\tsmtp\n" answered "0 0\n", then
+"num\ttype\tfile\tfrom\tto\tid\n" answered "num 0xverdict\n". script picks the verdict per
+request line (str, no "\n"): a function of the line, or a dict whose first key found in the line
 wins; None is clean, SILENT never answers. Request lines are kept in .requests (hellos in .hellos).
 """
 
 import os
 import socket
-import threading
+
+from vigil_bed import FakeServer
 
 SILENT = "silent"
 
 
-class _FakeServer:
+class _FakeScanner(FakeServer):
     def __init__(self, path, script=None):
-        self.path, self.script, self.requests, self.connections = str(path), script, [], 0
-        self.cond, self._conns = threading.Condition(), []
+        self.path, self.script, self.requests = str(path), script, []
         if os.path.lexists(self.path):
             os.unlink(self.path)
-        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._listener.bind(self.path)
-        self._listener.listen(64)
-        threading.Thread(target=self._accept_loop, daemon=True).start()
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        listener.bind(self.path)
+        super().__init__(listener)
 
-    def stop(self):  # closes the listener and every connection, removes the path
-        self._listener.shutdown(socket.SHUT_RDWR)  # wakes the accept loop
-        self._listener.close()
+    def stop(self):  # the path goes too
+        super().stop()
         os.unlink(self.path)
-        with self.cond:
-            conns, self._conns = self._conns, []
-        for c in conns:
-            try:
-                c.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
-
-    def wait_for(self, predicate, timeout=10, what="scanner condition"):
-        with self.cond:
-            if not self.cond.wait_for(lambda: predicate(self), timeout):
-                raise AssertionError(f"timed out waiting for {what}")
-
-    def _note(self, items, item):
-        with self.cond:
-            items.append(item)
-            self.cond.notify_all()
-
-    def _accept_loop(self):
-        while True:
-            try:
-                conn, _ = self._listener.accept()
-            except OSError:
-                return
-            with self.cond:
-                self.connections += 1
-                self._conns.append(conn)
-                self.cond.notify_all()
-            threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
 
     def _serve(self, conn):
         with conn, conn.makefile("rb") as f:
@@ -81,12 +50,12 @@ class _FakeServer:
         return True
 
 
-class FakeAntiSpam(_FakeServer):
+class FakeAntiSpam(_FakeScanner):
     def _reply(self, line, verdict):
         return b"%d %s\n" % (verdict, line.split(b" ", 1)[0][-6:])
 
 
-class FakeVirusScanner(_FakeServer):
+class FakeVirusScanner(_FakeScanner):
     def __init__(self, path, script=None):
         self.hellos = []
         super().__init__(path, script)

@@ -33,7 +33,7 @@ class RoadCase(vb.BedTestCase):
         if scanners and merged.get("use_scanner") != "0":
             self.virus.wait_for(lambda v: len(v.hellos) == 1, what="scanner hello")
         if scanners and pool:
-            self.spam.wait_for(lambda s: s.connections == pool, what="anti-spam pool")
+            self.spam.wait_for(lambda s: len(s.conns) == pool, what="anti-spam pool")
             bed.daemon.wait_log("Successfully connected to anti-spam server", count=pool)
         return bed
 

@@ -218,30 +218,12 @@ class SmtpClient:
         self.sock.close()
 
 
-class FakeBackend:
-    """The mail server behind the proxy. replies: verb -> bytes, a function of the line, or None
-    (close unanswered); "AUTH" a list, one per line; "DOT" ends a message, "UNKNOWN" the rest.
-    .sessions: each has .lines (CR LF kept), .messages (without the final dot), .closed."""
+class FakeServer:
+    """A listener with a thread per connection; wait_for waits on what the threads record."""
 
-    DEFAULT_REPLIES = {
-        "EHLO": b"250-backend.test\r\n250-PIPELINING\r\n250-SIZE 52428800\r\n"
-                b"250-8BITMIME\r\n250 AUTH LOGIN PLAIN\r\n",
-        "HELO": b"250 backend.test\r\n", "MAIL": b"250 2.1.0 Ok\r\n", "RCPT": b"250 2.1.5 Ok\r\n",
-        "DATA": b"354 End data with <CR><LF>.<CR><LF>\r\n", "RSET": b"250 2.0.0 Ok\r\n",
-        "DOT": b"250 2.0.0 Ok: queued as FAKE1\r\n", "NOOP": b"250 2.0.0 Ok\r\n",
-        "QUIT": b"221 2.0.0 Bye\r\n", "UNKNOWN": b"502 5.5.2 Error: command not recognized\r\n",
-        "AUTH": [b"334 VXNlcm5hbWU6\r\n", b"334 UGFzc3dvcmQ6\r\n",
-                 b"235 2.7.0 Authentication successful\r\n"],
-    }
-
-    def __init__(self, make_socket, greeting=b"220 backend.test ESMTP fake\r\n", replies=None):
-        self.greeting = greeting
-        self.replies = {**self.DEFAULT_REPLIES, **(replies or {})}
-        self.sessions, self.cond, self._conns, self._threads = [], threading.Condition(), [], []
-        self.listener = make_socket()
-        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.listener.bind((BACKEND_ADDR, BACKEND_PORT))
-        self.listener.listen(64)
+    def __init__(self, listener):
+        self.listener, self.conns, self.cond, self._threads = listener, [], threading.Condition(), []
+        listener.listen(64)
         self._start(self._accept_loop)
 
     def _start(self, target, *args):
@@ -259,12 +241,52 @@ class FakeBackend:
                 conn, _ = self.listener.accept()
             except OSError:  # stop() shut the listener down
                 return
-            self._conns.append(conn)
-            session = types.SimpleNamespace(lines=[], messages=[], closed=False)
-            self._note(self.sessions, session)  # listed before it can answer anything
-            self._start(self._serve, conn, session)
+            self._note(self.conns, conn)
+            self._start(self._serve, conn)
 
-    def _serve(self, conn, session):
+    def wait_for(self, predicate, timeout=10, what="the fake server"):
+        with self.cond:
+            if not self.cond.wait_for(lambda: predicate(self), timeout):
+                raise AssertionError(f"timed out waiting for {what}")
+
+    def stop(self):
+        for s in [self.listener] + self.conns:  # wakes the accept loop and every reader
+            try:
+                s.shutdown(socket.SHUT_RDWR)
+            except OSError:  # already closed by its serving thread
+                pass
+        for t in list(self._threads):
+            t.join(timeout=5)
+        self.listener.close()
+
+
+class FakeBackend(FakeServer):
+    """The mail server behind the proxy. replies: verb -> bytes, a function of the line, or None
+    (close unanswered); "AUTH" a list, one per line; "DOT" ends a message, "UNKNOWN" the rest.
+    .sessions: each has .lines (CR LF kept), .messages (without the final dot), .closed."""
+
+    DEFAULT_REPLIES = {
+        "EHLO": b"250-backend.test\r\n250-PIPELINING\r\n250-SIZE 52428800\r\n"
+                b"250-8BITMIME\r\n250 AUTH LOGIN PLAIN\r\n",
+        "HELO": b"250 backend.test\r\n", "MAIL": b"250 2.1.0 Ok\r\n", "RCPT": b"250 2.1.5 Ok\r\n",
+        "DATA": b"354 End data with <CR><LF>.<CR><LF>\r\n", "RSET": b"250 2.0.0 Ok\r\n",
+        "DOT": b"250 2.0.0 Ok: queued as FAKE1\r\n", "NOOP": b"250 2.0.0 Ok\r\n",
+        "QUIT": b"221 2.0.0 Bye\r\n", "UNKNOWN": b"502 5.5.2 Error: command not recognized\r\n",
+        "AUTH": [b"334 VXNlcm5hbWU6\r\n", b"334 UGFzc3dvcmQ6\r\n",
+                 b"235 2.7.0 Authentication successful\r\n"],
+    }
+
+    def __init__(self, make_socket, greeting=b"220 backend.test ESMTP fake\r\n", replies=None):
+        self.greeting, self.sessions = greeting, []
+        self.replies = {**self.DEFAULT_REPLIES, **(replies or {})}
+        listener = make_socket()
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind((BACKEND_ADDR, BACKEND_PORT))
+        super().__init__(listener)
+
+    def _serve(self, conn):
+        session = types.SimpleNamespace(lines=[], messages=[], closed=False)
+        self._note(self.sessions, session)  # listed before it can answer anything
         f, auth_steps = conn.makefile("rb"), []
         try:
             if self.greeting is None:  # a backend that hangs up at once
@@ -301,21 +323,6 @@ class FakeBackend:
             with self.cond:
                 session.closed = True
                 self.cond.notify_all()
-
-    def wait_for(self, predicate, timeout=10, what="backend condition"):
-        with self.cond:
-            if not self.cond.wait_for(lambda: predicate(self), timeout):
-                raise AssertionError(f"timed out waiting for {what}")
-
-    def stop(self):
-        for s in [self.listener] + self._conns:  # wakes the accept loop and every reader
-            try:
-                s.shutdown(socket.SHUT_RDWR)
-            except OSError:  # already closed by its serving thread
-                pass
-        for t in list(self._threads):
-            t.join(timeout=5)
-        self.listener.close()
 
 
 class Bed:
