@@ -26,7 +26,8 @@ class _FakeScanner(FakeServer):
 
     def stop(self):  # the path goes too
         super().stop()
-        os.unlink(self.path)
+        if os.path.lexists(self.path):
+            os.unlink(self.path)
 
     def _serve(self, conn):
         with conn, conn.makefile("rb") as f:
