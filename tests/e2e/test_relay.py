@@ -1,5 +1,4 @@
-"""Relay of cleared messages to the backend: the client dialogue the backend sees, what the
-sender is told, reuse of the backend connection, keep-alive and failures."""
+"""Relay of cleared messages: what the backend sees and answers, connection reuse, the body."""
 
 import os
 
@@ -73,7 +72,7 @@ class RelayDialogueTest(RelayTestCase):
         self.assertEqual(self.lines(), [EHLO, MAIL, rcpt(b"b"), DATA, b"RSET\r\n",
                                         MAIL, rcpt(b"b"), DATA, QUIT])
 
-    def test_backend_replies_steer_the_dialogue(self):
+    def test_backend_replies_steer_the_dialogue_and_pass_through_auth(self):
         refuse_c = lambda line: b"550 5.1.1 no c\r\n" if b"<c@" in line else b"250 ok\r\n"
         cases = [  # the sender may go on after each
             ("backend down", None, (b"b",), None, b"451 Internal Error\r\n"),
@@ -114,9 +113,7 @@ class RelayDialogueTest(RelayTestCase):
         self.assertIn(b"\r\nFinal-Recipient: rfc822;c@example.com\r\n", notes[0].read_bytes())
         self.bed.daemon.wait_log("Backend connect error, ")
         self.assertIn("Backend closed connection\n", self.bed.daemon.stderr())
-
-    def test_pass_through_auth(self):
-        cases = [
+        auth_cases = [  # the sender is accepted whatever the backend says
             ("accepted", [b"334 VXNlcm5hbWU6\r\n", b"334 UGFzc3dvcmQ6\r\n", b"235 ok\r\n"],
              [EHLO, b"auth login\r\n", USER, PASS, MAIL]),
             ("auth login refused", [b"504 5.7.4 no\r\n"],
@@ -124,8 +121,7 @@ class RelayDialogueTest(RelayTestCase):
             ("user refused", [b"334 VXNlcm5hbWU6\r\n", b"535 5.7.8 no\r\n"],
              [EHLO, b"auth login\r\n", USER, b"RSET\r\n", MAIL]),
         ]
-        self.relay_bed()
-        for label, steps, lines in cases:
+        for label, steps, lines in auth_cases:
             with self.subTest(label):
                 self.new_backend({"replies": {"AUTH": steps}})
                 c = self.client()
@@ -138,19 +134,35 @@ class RelayDialogueTest(RelayTestCase):
 
 
 class RelaySoakTest(RelayTestCase):
-    def test_thousand_messages_leave_descriptors_memory_and_scan_dir_flat(self):
+    def test_body_rules_then_a_thousand_messages_leave_fds_memory_and_scan_dir_flat(self):
         self.relay_bed(verbosity=("3",))
         c, daemon = self.client(), self.bed.daemon
         big = b"Subject: big\r\n\r\n" + (b"x" * 998 + b"\r\n") * 20000  # 20 MB arrives whole
         self.assertEqual(self.send_message(c, body=big), OK)
-        self.assertTrue(self.backend.sessions[0].messages[0].endswith(b"\r\n" + big))
-        for _ in range(99):
+        messages = self.backend.sessions[0].messages
+        self.assertTrue(messages[0].endswith(b"\r\n" + big))
+        # With SIZE reached, the held ".\r\n" ends a last line without CR LF; when more
+        # follows, the held bytes were text.
+        text = b"Subject: s\r\n\r\nlast line without end"
+        for data, relayed in ((text + b".\r\n", text + b"\r\n"),
+                              (text + b".\r\nmore\r\n.\r\n", text + b".\r\nmore\r\n")):
+            for line in (f"MAIL FROM:<a@x.test> SIZE={len(text)}", "RCPT TO:<b@x.test>", "DATA"):
+                c.cmd(line)
+            c.send(data)
+            self.assertEqual(c.read_reply(timeout=20), OK)
+            self.assertEqual(messages[-1].split(b"\r\n", 1)[1], relayed)
+        # A binary body keeps its dots; a long line's tail keeps its leading "..".
+        for body in (b"Content-Transfer-Encoding: binary\r\n\r\n..kept\r\n\x00\xff\r\n",
+                     b"Subject: s\r\n\r\n" + b"x" * 5000 + b"..tail\r\n"):
+            self.assertEqual(self.send_message(c, body=body), OK)
+            self.assertEqual(messages[-1].split(b"\r\n", 1)[1], body)
+        for _ in range(95):
             self.assertEqual(self.send_message(c), OK)
         fds, rss = daemon.quiet_fd_count(), daemon.rss_kib()
         for _ in range(900):
             self.assertEqual(self.send_message(c), OK)
         self.assertEqual(len(self.backend.sessions), 1)
-        self.assertEqual(len(self.backend.sessions[0].messages), 1000)
+        self.assertEqual(len(messages), 1000)
         self.assertLessEqual(daemon.quiet_fd_count(), fds)
         with open(f"/proc/{daemon.pid}/maps") as f:
             sanitized = "libasan" in f.read()  # its quarantine grows; LeakSanitizer checks there

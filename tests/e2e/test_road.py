@@ -161,32 +161,6 @@ class ScannerTroubleTest(RoadCase):
         self.scan_dir_empty()
 
 
-class BodyRulesTest(RoadCase):
-    def test_size_end_binary_body_and_mid_line_dots(self):
-        self.road({"as_connections": "0", "use_scanner": "0"})
-        c = self.bed.connect()
-        text = b"Subject: s\r\n\r\nlast line without end"
-        sized = [f"MAIL FROM:<a@x.test> SIZE={len(text)}", "RCPT TO:<b@x.test>", "DATA"]
-        for line in ["EHLO client.test"] + sized:
-            c.cmd(line)
-        c.send(text + b".\r\n")
-        self.assertEqual(c.read_reply(timeout=20), b"250 OK\r\n")
-        self.assertEqual(self.relayed(1)[0].split(b"\r\n", 1)[1], text + b"\r\n")
-        # Same client, but more follows the held bytes: they were text.
-        for line in sized:
-            c.cmd(line)
-        c.send(text + b".\r\nmore\r\n.\r\n")
-        self.assertEqual(c.read_reply(timeout=20), b"250 OK\r\n")
-        self.assertEqual(self.relayed(2)[1].split(b"\r\n", 1)[1], text + b".\r\nmore\r\n")
-        # A binary body keeps its dots; a long line's tail keeps its leading "..".
-        binary = b"Content-Transfer-Encoding: binary\r\n\r\n..kept\r\n\x00\xff\r\n"
-        self.assertEqual(self.send(c, "a@x.test", body=binary, ehlo=False), b"250 OK\r\n")
-        self.assertEqual(self.relayed(3)[2].split(b"\r\n", 1)[1], binary)
-        long_line = b"Subject: s\r\n\r\n" + b"x" * 5000 + b"..tail\r\n"
-        self.assertEqual(self.send(c, "a@x.test", body=long_line, ehlo=False), b"250 OK\r\n")
-        self.assertEqual(self.relayed(4)[3].split(b"\r\n", 1)[1], long_line)
-
-
 class DisconnectTest(RoadCase):
     def test_sender_leaving_at_every_stage_leaves_nothing_behind(self):
         hold, gate = threading.Event(), threading.Event()
