@@ -50,17 +50,6 @@ class EnvelopeTest(vb.BedTestCase):
         c.send(b"MAIL FROM:<nobody>\r\n" * 52)
         self.assertEqual(c.read_until_closed(), INVALID * 51)
 
-    def test_settings_for_null_sender_and_sizes(self):
-        bed = self.start({"allow_null_sender": "0", "max_msg_size": "50000", "max_rcpt": "5"})
-        vb.dialogue(self, self.greeted(bed), [
-            (b"MAIL FROM:<>", NULL_SENDER), (b"RCPT TO:<b@example.com>", NEED_MAIL),
-            (b"MAIL FROM:  ", NULL_SENDER), (b"MAIL FROM:<a@example.com> SIZE=50000", OK),
-            (b"MAIL FROM:<a@example.com> SIZE=50001", TOO_BIG),
-            (b"MAIL FROM:<a@example.com>", OK),
-        ] + [(b"RCPT TO:<r%d@example.com>" % i, OK) for i in range(5)] + [
-            (b"RCPT TO:<r5@example.com>", TOO_MANY), (b"MAIL FROM:<a@example.com>", OK),
-            (b"RCPT TO:<r6@example.com>", OK)])  # a new MAIL starts a new count
-
     def relay_bed(self, relay_ips, **extra):
         bed = self.make_bed()
         domains = "example.com\n  Local.Test  \n" + "a" * 150  # a long line: two entries
@@ -71,6 +60,21 @@ class EnvelopeTest(vb.BedTestCase):
                           "relay_ips_file": relay_ips and bed.write_file("relay_ips", relay_ips),
                           "auth_file": bed.write_file("auth", auth), **extra})
         return bed
+
+    def test_null_sender_sizes_and_an_unreadable_relay_list(self):
+        bed = self.relay_bed(None, relay_ips_file="/nonexistent/relay_ips",
+                             allow_null_sender="0", max_msg_size="50000")
+        vb.dialogue(self, self.greeted(bed), [
+            (b"MAIL FROM:<>", NULL_SENDER), (b"RCPT TO:<b@example.com>", NEED_MAIL),
+            (b"MAIL FROM:  ", NULL_SENDER), (b"MAIL FROM:<a@example.com> SIZE=50000", OK),
+            (b"MAIL FROM:<a@example.com> SIZE=50001", TOO_BIG),
+            (b"MAIL FROM:<a@example.com>", OK),
+        ] + [(b"RCPT TO:<r%d@example.com>" % i, OK) for i in range(5)] + [
+            (b"RCPT TO:<r5@example.com>", TOO_MANY), (b"MAIL FROM:<a@example.com>", OK),
+            (b"RCPT TO:<r6@example.com>", OK),  # a new MAIL starts a new count
+            (b"RCPT TO:<x@foreign.test>", DENIED)])  # no list read: nobody may relay
+        bed.daemon.wait_log("Can't read relay ip file /nonexistent/relay_ips: "
+                            "No such file or directory\n")
 
     def test_relay_control_and_auth_login(self):
         # Bad entries are skipped; the good one's address is masked when compared.
@@ -114,11 +118,6 @@ class EnvelopeTest(vb.BedTestCase):
         bed.daemon.wait_log("Error decoding base64 user name: \ufffd\n")
         bed.daemon.wait_log("Short b64 string: c2VjcmV\n\n")  # the line's CR LF, read as text
 
-        bed = self.relay_bed(None, relay_ips_file="/nonexistent/relay_ips")
-        bed.daemon.wait_log("Can't read relay ip file /nonexistent/relay_ips: "
-                            "No such file or directory\n")
-        c = self.greeted(bed, vb.DEFAULT_SENDER, b"<a@example.com>")
-        self.assertEqual(c.cmd("RCPT TO:<x@foreign.test>"), DENIED)
         # With relay control off no list is read, so missing files do no harm, and any
         # password passes.
         bed = self.start({"relay_control": "0", "local_domain_file": "/nonexistent/ld",
