@@ -1,10 +1,8 @@
-r"""Fake anti-spam service and virus scanner on Unix stream sockets, speaking the daemon's protocols.
+r"""Fake anti-spam service and virus scanner on Unix stream sockets, speaking the daemon's protocol.
 
-anti-spam: "file id size[ sender]\n" answered "verdict key\n" (key: the file name's last 6
-characters); virus scanner: hello "0\tPROXY\tsmtp\n" answered "0 0\n", then
-"num\ttype\tfile\tfrom\tto\tid\n" answered "num 0xverdict\n". script picks the verdict per
-request line (str, no "\n"): a function of the line, or a dict whose first key found in the line
-wins; None is clean, SILENT never answers. Request lines are kept in .requests (hellos in .hellos).
+script gives the verdict for each request line (str, no "\n"): a function of the line, or a dict
+whose first key found in the line wins; None is clean, SILENT never answers. Request lines are
+kept in .requests, the virus scanner's hellos in .hellos.
 """
 
 import os
@@ -52,7 +50,7 @@ class _FakeScanner(FakeServer):
 
 
 class FakeAntiSpam(_FakeScanner):
-    def _reply(self, line, verdict):
+    def _reply(self, line, verdict):  # to "file id size[ sender]": key, the file's last 6 chars
         return b"%d %s\n" % (verdict, line.split(b" ", 1)[0][-6:])
 
 
@@ -61,7 +59,7 @@ class FakeVirusScanner(_FakeScanner):
         self.hellos = []
         super().__init__(path, script)
 
-    def _greet(self, f, conn):
+    def _greet(self, f, conn):  # "0\tPROXY\tsmtp\n", then "num\ttype\tfile\tfrom\tto\tid\n" lines
         if hello := f.readline(65536):
             self._note(self.hellos, hello)
             conn.sendall(b"0 0\n")

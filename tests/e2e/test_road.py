@@ -7,8 +7,7 @@ import threading
 import vigil_bed as vb
 from scanners import SILENT, FakeAntiSpam, FakeVirusScanner
 
-AS_PATH = "/var/lib/norvik/as.sock"
-VS_PATH = "/var/lib/norvik/scannerd.sock"
+AS_PATH, VS_PATH = "/var/lib/norvik/as.sock", "/var/lib/norvik/scannerd.sock"
 SCAN_DIR = "/var/av/scan"
 BODY = b"Message-ID: <m1@road.test>\r\nSubject: hello\r\n\r\n..dotted\r\nplain\r\n"
 
@@ -69,8 +68,8 @@ class CleanMessageTest(RoadCase):
         m = re.fullmatch(r"(/var/av/scan/vigild_(\w{6})) <m1@road\.test> 51200 alice@road\.test\n",
                          spam_req)
         self.assertTrue(m, spam_req)
-        self.assertEqual(self.virus.requests[0].decode(),
-                         f"1\tmscan\t{m.group(1)}\t{sender_ip}\t{vb.BACKEND_ADDR}\t<m1@road.test>\n")
+        self.assertEqual(self.virus.requests[0].decode(), f"1\tmscan\t{m.group(1)}\t{sender_ip}"
+                         f"\t{vb.BACKEND_ADDR}\t<m1@road.test>\n")
         received = re.fullmatch(
             rb"Received: from \[(.+)\] by \[(.+)\] with ESMTP; \w{3}, \d\d \w{3} \d{4} "
             rb"\d\d:\d\d:\d\d [+-]\d{4}\r\n(.*)", seen["file"], re.S)
@@ -103,8 +102,7 @@ class VerdictTest(RoadCase):
     VIRUS = {"<sig>": 0x42, "<enc>": 0x40, "<vps>": 0x8, "<ext>": 0x20, "<err>": 0x10000,
              "<tmo>": 0x4}
 
-    def verdicts(self, settings, cases):
-        """cases: (sender, message id, expected reply, relayed subject or None)."""
+    def verdicts(self, settings, cases):  # (sender, message id, reply, relayed subject or None)
         self.road(settings, spam=self.SPAM, virus=self.VIRUS)
         c = self.bed.connect()
         relayed = 0
@@ -184,8 +182,8 @@ class DisconnectTest(RoadCase):
         leave(b"Subject: half\r\n", "Connection closed by peer while receiving data.",
               lambda: self.bed.daemon.wait_log("Inside data_handler"))
         held = BODY.replace(b"<m1@road.test>", b"<hold>")
-        leave(held + b".\r\n", "vscan_cancel num 1", lambda: self.virus.wait_for(lambda v: v.requests),
-              release=gate.set)
+        leave(held + b".\r\n", "vscan_cancel num 1",
+              lambda: self.virus.wait_for(lambda v: v.requests), release=gate.set)
         leave(BODY + b".\r\n", "Closing connection", lambda: self.relayed(1), count=3)
         hold.set()
         self.assertLessEqual(self.bed.daemon.quiet_fd_count(), base)

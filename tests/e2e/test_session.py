@@ -1,5 +1,4 @@
-"""The sender dialogue before the envelope: greeting, session commands, the command
-reader's framing and error limit, and hostile bytes."""
+"""The sender dialogue before the envelope: session commands, line framing, hostile bytes."""
 
 import random
 import re
@@ -12,8 +11,7 @@ OK, LONG = b"250 OK\r\n", b"500 Long line?\r\n"
 EHLO = (b"250-local.domain ESMTP\r\n250-VRFY\r\n250-8BITMIME\r\n250-SIZE 20971520\r\n"
         b"250-AUTH LOGIN\r\n250 OK\r\n")
 HELO = b"250 local.domain ESMTP\r\n"
-HELO_501 = b"501 HELO requires a domain address\r\n"
-EHLO_501 = b"501 EHLO requires a domain address\r\n"
+HELO_501, EHLO_501 = (b"501 %s requires a domain address\r\n" % v for v in (b"HELO", b"EHLO"))
 NEED_MAIL = b"503 Need MAIL before RCPT\r\n"
 
 

@@ -222,7 +222,8 @@ class FakeServer:
     """A listener with a thread per connection; wait_for waits on what the threads record."""
 
     def __init__(self, listener):
-        self.listener, self.conns, self.cond, self._threads = listener, [], threading.Condition(), []
+        self.listener, self.conns, self._threads = listener, [], []
+        self.cond = threading.Condition()
         listener.listen(64)
         self._start(self._accept_loop)
 
