@@ -54,10 +54,7 @@ class RelayDialogueTest(RelayTestCase):
         self.relay_bed({"noop_interval": "1"}, replies={"RSET": b"250 2.0.0 Reset\r\n"})
         c = self.client()
         self.assertEqual(self.send_message(c), OK)
-        body = self.backend.sessions[0].messages[0]
-        sender = vb.DEFAULT_SENDER.encode()
-        self.assertTrue(body.startswith(b"Received: from [%s] by [" % sender), body)
-        self.assertTrue(body.endswith(b"\r\n" + BODY), body)
+        self.assertTrue(self.backend.sessions[0].messages[0].endswith(b"\r\n" + BODY))
         self.backend.wait_for(lambda b: b.sessions[0].lines.count(b"NOOP\r\n") >= 2,
                               what="two keep-alive NOOPs")
         # RSET goes to the idle backend, and its own answer (not a NOOP's) comes back.

@@ -52,9 +52,8 @@ class SessionTest(vb.BedTestCase):
         self.assertEqual(c.read_reply(), OK)
         vb.dialogue(self, c, [(b"QUIT\r\nNOOP\r\n", b"221 Goodbye.\r\n")])
         self.assertEqual(c.read_until_closed(), b"")
-        d = bed.daemon
-        d.wait_log("response to sender QUIT command: 221 Goodbye.\n")
-        log = d.stderr()
+        bed.daemon.wait_log("response to sender QUIT command: 221 Goodbye.\n")
+        log = bed.daemon.stderr()
         self.assertIn("accepted new conn. current conn: 0\n", log)
         self.assertIn("HELO domain = client.test\n", log)
         self.assertIn(" response to DATA: 451 Couldn't open temporary file\n", log)

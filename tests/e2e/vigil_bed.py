@@ -190,21 +190,17 @@ class SmtpClient:
         self.buf, self.eof = self.buf + chunk, not chunk
         return bool(chunk)
 
-    def read_line(self, timeout=None):
-        deadline = time.monotonic() + (timeout or self.timeout)
-        while b"\n" not in self.buf:
-            if self.eof or not self._fill(deadline):
-                raise AssertionError(f"{'closed' if self.eof else 'timed out'} waiting for a "
-                                     f"line; got {self.buf!r}")
-        line, _, self.buf = self.buf.partition(b"\n")
-        return line + b"\n"
-
     def read_reply(self, timeout=None):  # continuation lines ("250-...") included
-        reply = line = self.read_line(timeout)
-        while line[3:4] == b"-":
-            line = self.read_line(timeout)
-            reply += line
-        return reply
+        deadline, reply = time.monotonic() + (timeout or self.timeout), b""
+        while True:
+            while b"\n" not in self.buf:
+                if self.eof or not self._fill(deadline):
+                    raise AssertionError(f"{'closed' if self.eof else 'timed out'} waiting for a "
+                                         f"reply; got {reply + self.buf!r}")
+            line, _, self.buf = self.buf.partition(b"\n")
+            reply += line + b"\n"
+            if line[3:4] != b"-":
+                return reply
 
     def read_until_closed(self, timeout=None):  # everything up to the peer's close
         deadline = time.monotonic() + (timeout or self.timeout)
