@@ -269,8 +269,6 @@ class FakeBackend(FakeServer):
         "DATA": b"354 End data with <CR><LF>.<CR><LF>\r\n", "RSET": b"250 2.0.0 Ok\r\n",
         "DOT": b"250 2.0.0 Ok: queued as FAKE1\r\n", "NOOP": b"250 2.0.0 Ok\r\n",
         "QUIT": b"221 2.0.0 Bye\r\n", "UNKNOWN": b"502 5.5.2 Error: command not recognized\r\n",
-        "AUTH": [b"334 VXNlcm5hbWU6\r\n", b"334 UGFzc3dvcmQ6\r\n",
-                 b"235 2.7.0 Authentication successful\r\n"],
     }
 
     def __init__(self, make_socket, greeting=b"220 backend.test ESMTP fake\r\n", replies=None):
@@ -293,7 +291,7 @@ class FakeBackend(FakeServer):
                 self._note(session.lines, line)
                 verb = line[:4].decode("latin-1").upper()
                 if not auth_steps and verb == "AUTH":
-                    auth_steps = list(self.replies["AUTH"])
+                    auth_steps = list(self.replies.get("AUTH", ()))
                 reply = auth_steps.pop(0) if auth_steps else self.replies.get(
                     verb, self.replies["UNKNOWN"])
                 if (reply := reply(line) if callable(reply) else reply) is None:
