@@ -118,8 +118,7 @@ class EnvelopeTest(vb.BedTestCase):
         bed.daemon.wait_log("Error decoding base64 user name: \ufffd\n")
         bed.daemon.wait_log("Short b64 string: c2VjcmV\n\n")  # the line's CR LF, read as text
 
-        # With relay control off no list is read, so missing files do no harm, and any
-        # password passes.
+        # Relay control off: no list is read (missing files do no harm), any password passes.
         bed = self.start({"relay_control": "0", "local_domain_file": "/nonexistent/ld",
                           "passthrough_auth": "0"})
         vb.dialogue(self, self.greeted(bed, vb.OUTSIDE_SENDER), [
