@@ -45,8 +45,7 @@ class CliTest(vb.BedTestCase):
         bed = self.make_bed()
         stale, scan = bed.host_path("/var/support/my.dump"), bed.host_path("/var/av/scan")
         stale.write_text("stale\n")
-        (scan / "vigild_x" / "deeper").mkdir(parents=True)
-        for name in ("vigild_1234", "vigild_x/inner", "vigild_x/deeper/leaf", "other", "xvigild_1"):
+        for name in ("vigild_1234", "other", "xvigild_1"):
             (scan / name).write_text("x")
         d = bed.start_daemon(extra_args=["-z", "/var/support/my.dump"])
         d.wait_log("Starting proxy\n")
@@ -57,7 +56,9 @@ class CliTest(vb.BedTestCase):
         d.signal(signal.SIGSEGV)
         self.assertEqual(d.wait(), -signal.SIGSEGV)
         self.assertRegex(d.stderr(), CRASH)
-        (scan / "vigild_2").write_text("x")
+        # A tree this time: -k keeps it, the last daemon (without -k) removes it.
+        (scan / "vigild_2" / "deeper").mkdir(parents=True)
+        (scan / "vigild_2" / "deeper" / "leaf").write_text("x")
         # -k keeps the scan files; section 1 at level 5 shows "Starting proxy" but not
         # the level 9 version line; the default dump file carries the process id.
         for sig, args in ((signal.SIGINT, ["-k", "-v", "15"]),
@@ -77,6 +78,7 @@ class CliTest(vb.BedTestCase):
         d.signal(signal.SIGTERM)
         self.assertEqual(d.wait(), 0)
         self.assertEqual(d.stderr(), "")  # without -e nothing goes to standard error
+        self.assertEqual(sorted(os.listdir(scan)), ["other", "xvigild_1"])  # without -k: cleaned
 
     def test_watchdog_restarts_a_crashed_worker_and_leaves_with_it(self):
         bed = self.make_bed()

@@ -217,10 +217,9 @@ class SmtpClient:
 class FakeServer:
     """A listener with a thread per connection; wait_for waits on what the threads record."""
 
-    def __init__(self, listener):
-        self.listener, self.conns, self._threads = listener, [], []
-        self.cond = threading.Condition()
-        listener.listen(64)
+    def __init__(self, sock):  # bound, not yet listening
+        self.listener, self.conns, self._threads, self.cond = sock, [], [], threading.Condition()
+        sock.listen(64)
         self._start(self._accept_loop)
 
     def _start(self, target, *args):
