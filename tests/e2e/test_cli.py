@@ -58,7 +58,8 @@ class CliTest(vb.BedTestCase):
         self.assertRegex(d.stderr(), CRASH)
         # A tree this time: -k keeps it, the last daemon (without -k) removes it.
         (scan / "vigild_2" / "deeper").mkdir(parents=True)
-        (scan / "vigild_2" / "deeper" / "leaf").write_text("x")
+        for name in ("vigild_2/deeper/leaf", "vigild_3"):
+            (scan / name).write_text("x")
         # -k keeps the scan files; section 1 at level 5 shows "Starting proxy" but not
         # the level 9 version line; the default dump file carries the process id.
         for sig, args in ((signal.SIGINT, ["-k", "-v", "15"]),

@@ -44,11 +44,10 @@ class LimitsTest(vb.BedTestCase):
 
     def test_limit_of_1024_descriptors_leaves_room_for_331_connections(self):
         vb.raise_nofile(2048)
-        bed = self.make_bed()
-        d = bed.start_daemon(wrapper=["prlimit", "--nofile=1024:1024", "setpriv",
-                                      "--bounding-set", "-sys_resource"])
-        d.wait_log("config.num_fds=1024 max_connections 331\n")
+        bed = self.start(wrapper=["prlimit", "--nofile=1024:1024", "setpriv", "--bounding-set",
+                                  "-sys_resource"])
+        bed.daemon.wait_log("config.num_fds=1024 max_connections 331\n")
         held = [bed.connect(f"127.0.1.{1 + i % 250}") for i in range(331)]
         self.assertEqual(bed.connect(greeting=False).read_until_closed(), b"")
-        d.wait_log("New connection refused: max connections(331) reached\n")
+        bed.daemon.wait_log("New connection refused: max connections(331) reached\n")
         self.assertEqual(held[-1].cmd("NOOP"), b"250 OK\r\n")
