@@ -69,7 +69,7 @@ class RelayDialogueTest(RelayTestCase):
 
     def test_backend_replies_steer_the_dialogue_and_pass_through_auth(self):
         refuse_c = lambda line: b"550 5.1.1 no c\r\n" if b"<c@" in line else b"250 ok\r\n"
-        cases = [  # the sender may go on after each
+        cases = [
             ("backend down", None, (b"b",), None, b"451 Internal Error\r\n"),
             ("backend closing at once", {"greeting": None}, (b"b",), [],
              b"421 Backend closed connection\r\n"),
@@ -89,11 +89,11 @@ class RelayDialogueTest(RelayTestCase):
             ("refusing greeting", {"greeting": b"554 5.3.2 busy\r\n"},
              (b"b",), [QUIT], b"554 5.3.2 busy\r\n"),
         ]
-        self.bed = self.start(NO_SCANNERS)
+        self.bed, c = self.start(NO_SCANNERS), None
         for label, backend, rcpts, lines, reply in cases:
             with self.subTest(label):
                 self.new_backend(backend)
-                c = self.client()
+                c = c or self.client()  # after a 4xx failure the same sender tries again
                 self.assertEqual(self.send_message(c, rcpts), reply)
                 if reply == OK:
                     self.assertTrue(self.backend.sessions[0].messages[0].endswith(BODY))
@@ -101,8 +101,9 @@ class RelayDialogueTest(RelayTestCase):
                     self.wait_backend_closed()
                 if backend is not None:
                     self.assertEqual(self.lines(), lines)
-                self.assertEqual(c.cmd("MAIL FROM:<a@example.com>"), OK)
-                self.assertTrue(c.cmd("QUIT").startswith(b"221"))
+                if not reply.startswith(b"4"):
+                    self.assertTrue(c.cmd("QUIT").startswith(b"221"))
+                    c = None
         notes = list(self.bed.host_path("/var/spool/xmail/spool/local").iterdir())
         self.assertEqual(len(notes), 1)  # only the message with a refused recipient has one
         self.assertIn(b"\r\nFinal-Recipient: rfc822;c@example.com\r\n", notes[0].read_bytes())
@@ -125,7 +126,6 @@ class RelayDialogueTest(RelayTestCase):
                 self.assertEqual(c.cmd(PASS[:-2]), b"235 Authentication accepted\r\n")
                 self.assertEqual(self.send_message(c), OK)
                 self.assertEqual(self.lines(), lines + [rcpt(b"b"), DATA])
-                self.assertTrue(c.cmd("QUIT").startswith(b"221"))
 
 
 class RelaySoakTest(RelayTestCase):
