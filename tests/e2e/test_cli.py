@@ -1,4 +1,4 @@
-"""Command line, start-up, signals, dumps, the scan-directory cleanup and the watchdog."""
+"""Command line, start-up, signals, the scan-directory cleanup, the crash report, the watchdog."""
 
 import os
 import signal
@@ -13,6 +13,9 @@ USAGE = (
     " level 6.c config_file: Name of alternate common configuration file\n"
     "z dump_file: Name of alternate dump file\np config_file: Name of alternate proxy configuration"
     " file\n")
+CRASH = (r"Crash: Begin\nCrash: Version \S+\nCrash: Received signal 11\nCrash: Signal code 0\n"
+         r"Crash: Dumping call stack:\n(Crash: \d+: 0x.*\n)+Crash: Dumping registers:\n"
+         r"(Crash: \w+ +0x[0-9a-f]{8,} \(-?\d+\)\n){16,}Crash: End\n")
 
 
 def state(pid, kill=False):  # "" once it is gone (a zombie is gone too)
@@ -38,12 +41,11 @@ class CliTest(vb.BedTestCase):
             self.assertEqual(d.stderr(), (f"{vb.vigild_path()}: " if complaint else "") +
                              complaint + USAGE)
 
-    def test_foreground_start_log_options_and_stop_signals(self):
+    def test_foreground_start_crash_report_log_options_and_stop_signals(self):
         bed = self.make_bed()
         stale, scan = bed.host_path("/var/support/my.dump"), bed.host_path("/var/av/scan")
         stale.write_text("stale\n")
-        (scan / "vigild_x" / "deeper").mkdir(parents=True)
-        for name in ("vigild_1234", "vigild_x/inner", "vigild_x/deeper/leaf", "other", "xvigild_1"):
+        for name in ("vigild_1234", "other", "xvigild_1"):
             (scan / name).write_text("x")
         d = bed.start_daemon(extra_args=["-z", "/var/support/my.dump"])
         d.wait_log("Starting proxy\n")
@@ -51,13 +53,13 @@ class CliTest(vb.BedTestCase):
         self.assertFalse(stale.exists())
         self.assertEqual(sorted(os.listdir(scan)), ["other", "xvigild_1"])
         self.assertFalse(bed.host_path("/var/run/vigild.pid").exists())  # foreground: no pid file
-        d.signal(signal.SIGUSR2)
-        path = bed.host_path("/var/support/my.dump")
-        vb.wait_until(lambda: path.exists() and "DLOG DUMP:\n" in path.read_text(), 10, "the dump")
-        self.assertIn("    num_connections 0\n", path.read_text())
-        d.signal(signal.SIGTERM)
-        self.assertEqual(d.wait(), 0)
-        (scan / "vigild_2").write_text("x")
+        d.signal(signal.SIGSEGV)
+        self.assertEqual(d.wait(), -signal.SIGSEGV)
+        self.assertRegex(d.stderr(), CRASH)
+        # A tree this time: -k keeps it, the last daemon (without -k) removes it.
+        (scan / "vigild_2" / "deeper").mkdir(parents=True)
+        for name in ("vigild_2/deeper/leaf", "vigild_3"):
+            (scan / name).write_text("x")
         # -k keeps the scan files; section 1 at level 5 shows "Starting proxy" but not
         # the level 9 version line; the default dump file carries the process id.
         for sig, args in ((signal.SIGINT, ["-k", "-v", "15"]),
@@ -77,6 +79,7 @@ class CliTest(vb.BedTestCase):
         d.signal(signal.SIGTERM)
         self.assertEqual(d.wait(), 0)
         self.assertEqual(d.stderr(), "")  # without -e nothing goes to standard error
+        self.assertEqual(sorted(os.listdir(scan)), ["other", "xvigild_1"])  # without -k: cleaned
 
     def test_watchdog_restarts_a_crashed_worker_and_leaves_with_it(self):
         bed = self.make_bed()

@@ -5,36 +5,34 @@ import re
 import threading
 
 import vigil_bed as vb
-from scanners import Action, FakeAntiSpam, FakeVirusScanner
+from scanners import SILENT, FakeAntiSpam, FakeVirusScanner
 
-AS_PATH = "/var/lib/norvik/as.sock"
-VS_PATH = "/var/lib/norvik/scannerd.sock"
+AS_PATH, VS_PATH = "/var/lib/norvik/as.sock", "/var/lib/norvik/scannerd.sock"
 SCAN_DIR = "/var/av/scan"
 BODY = b"Message-ID: <m1@road.test>\r\nSubject: hello\r\n\r\n..dotted\r\nplain\r\n"
 
 
-def message(sender, rcpts, ehlo=True):
-    """The sender's side of one transaction, as a list of (line, expected prefix)."""
+def message(sender, rcpts, ehlo=True):  # [(line, expected reply prefix)] up to DATA
     lines = [("EHLO client.test", b"250")] * ehlo + [(f"MAIL FROM:<{sender}>", b"250")]
     return lines + [(f"RCPT TO:<{r}>", b"250") for r in rcpts] + [("DATA", b"354")]
 
 
 class RoadCase(vb.BedTestCase):
     def road(self, settings=None, spam=None, virus=None, scanners=True):
-        """A daemon with both fake scanners (connected) and a fake backend."""
+        """A daemon with a fake backend and, unless scanners is False, both fake scanners."""
         self.bed = bed = self.make_bed()
-        self.spam = FakeAntiSpam(bed.host_path(AS_PATH), spam, start=scanners)
-        self.virus = FakeVirusScanner(bed.host_path(VS_PATH), virus, start=scanners)
-        self.addCleanup(lambda: self.spam.stop() or self.virus.stop())
+        if scanners:
+            self.spam = FakeAntiSpam(bed.host_path(AS_PATH), spam)
+            self.virus = FakeVirusScanner(bed.host_path(VS_PATH), virus)
+            self.addCleanup(lambda: self.spam.stop() or self.virus.stop())
         self.backend = bed.start_backend()
-        merged = {"as_connections": "2", "idle_timeout": "60"}
-        merged.update(settings or {})
+        merged = {"as_connections": "2", "idle_timeout": "60", **(settings or {})}
         bed.start_daemon(merged)
         pool = int(merged["as_connections"])
         if scanners and merged.get("use_scanner") != "0":
             self.virus.wait_for(lambda v: len(v.hellos) == 1, what="scanner hello")
         if scanners and pool:
-            self.spam.wait_for(lambda s: s.connections == pool, what="anti-spam pool")
+            self.spam.wait_for(lambda s: len(s.conns) == pool, what="anti-spam pool")
             bed.daemon.wait_log("Successfully connected to anti-spam server", count=pool)
         return bed
 
@@ -55,13 +53,14 @@ class RoadCase(vb.BedTestCase):
 
 
 class CleanMessageTest(RoadCase):
-    def test_clean_message_is_scanned_then_relayed_byte_exact(self):
+    def test_clean_messages_are_scanned_then_relayed_byte_exact(self):
         seen = {}
 
-        def record_file(line):  # the scanner reads the scan file as the daemon left it
-            seen["file"] = self.bed.host_path(line.split("\t")[2]).read_bytes()
+        def record_file(line):  # the scanner reads the first scan file as the daemon left it
+            if not seen:
+                seen["file"] = self.bed.host_path(line.split("\t")[2]).read_bytes()
 
-        bed = self.road(virus=record_file)
+        bed = self.road({"listen_backlog": "64"}, virus=record_file)
         c = bed.connect()
         sender_ip, _ = c.sock.getsockname()
         self.assertEqual(self.send(c, "alice@road.test"), b"250 OK\r\n")
@@ -69,8 +68,8 @@ class CleanMessageTest(RoadCase):
         m = re.fullmatch(r"(/var/av/scan/vigild_(\w{6})) <m1@road\.test> 51200 alice@road\.test\n",
                          spam_req)
         self.assertTrue(m, spam_req)
-        self.assertEqual(self.virus.requests[0].decode(),
-                         f"1\tmscan\t{m.group(1)}\t{sender_ip}\t{vb.BACKEND_ADDR}\t<m1@road.test>\n")
+        self.assertEqual(self.virus.requests[0].decode(), f"1\tmscan\t{m.group(1)}\t{sender_ip}"
+                         f"\t{vb.BACKEND_ADDR}\t<m1@road.test>\n")
         received = re.fullmatch(
             rb"Received: from \[(.+)\] by \[(.+)\] with ESMTP; \w{3}, \d\d \w{3} \d{4} "
             rb"\d\d:\d\d:\d\d [+-]\d{4}\r\n(.*)", seen["file"], re.S)
@@ -80,6 +79,21 @@ class CleanMessageTest(RoadCase):
         # On the wire the stuffing is restored.
         self.assertEqual(self.relayed(), [seen["file"].replace(b"\n.dotted", b"\n..dotted")])
         self.assertEqual(c.cmd("QUIT"), b"221 Goodbye.\r\n")
+        # Real clients, swaks and smtp-source, through the proxy.
+        ns, target = bed.ns, f"{vb.BACKEND_ADDR}:{vb.BACKEND_PORT}"
+        ns.exec(["swaks", "--server", target, "--local-interface", vb.DEFAULT_SENDER,
+                 "--from", "a@x.test", "--to", "b@x.test", "--body", ".dot\r\nend",
+                 "--timeout", "20"])  # raises when swaks fails
+        self.assertIn(b"\r\n..dot\r\nend\r\n", self.relayed(2)[1])
+        # smtp-source cannot pick its source address: its user's traffic is
+        # redirected instead, so the proxy's own connections stay direct.
+        ns.exec(["iptables", "-t", "nat", "-A", "OUTPUT", "-p", "tcp", "-m", "owner",
+                 "--uid-owner", "65534", "-d", vb.BACKEND_ADDR, "--dport", str(vb.BACKEND_PORT),
+                 "-j", "REDIRECT", "--to-ports", str(vb.LISTEN_PORT)])
+        ns.exec(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                 "smtp-source", "-s", "5", "-m", "50", "-l", "4096", "-f", "a@x.test",
+                 "-t", "b@x.test", target])
+        self.assertEqual(len(self.relayed(52)), 52)
         self.scan_dir_empty()
 
 
@@ -88,8 +102,7 @@ class VerdictTest(RoadCase):
     VIRUS = {"<sig>": 0x42, "<enc>": 0x40, "<vps>": 0x8, "<ext>": 0x20, "<err>": 0x10000,
              "<tmo>": 0x4}
 
-    def verdicts(self, settings, cases):
-        """cases: (sender, message id, expected reply, relayed subject or None)."""
+    def verdicts(self, settings, cases):  # (sender, message id, reply, relayed subject or None)
         self.road(settings, spam=self.SPAM, virus=self.VIRUS)
         c = self.bed.connect()
         relayed = 0
@@ -130,49 +143,20 @@ class VerdictTest(RoadCase):
 
 
 class ScannerTroubleTest(RoadCase):
-    def test_scanners_down_with_bypass_relay_unscanned(self):
-        self.road({"vscan_bypass": "1"}, scanners=False)
-        c = self.bed.connect()
-        self.assertEqual(self.send(c, "a@x.test"), b"250 OK\r\n")
-        self.relayed(1)
-        self.bed.daemon.wait_log("Connect to /var/lib/norvik/scannerd.sock failed")
-
-    def test_silent_scanner_hits_the_time_out(self):
+    def test_silent_scanner_hits_the_time_out_and_a_scanner_gone_is_bypassed(self):
         # scanner_timeout 0 expires at the next timer pass; the scanner never answers.
-        self.road({"scanner_timeout": "0", "as_connections": "0"},
-                  virus=lambda line: Action(silent=True))
+        self.road({"scanner_timeout": "0", "as_connections": "0", "vscan_bypass": "1"},
+                  virus=lambda line: SILENT)
         c = self.bed.connect()
         self.assertEqual(self.send(c, "a@x.test"), b"451 AV scanner timeout\r\n")
         self.bed.daemon.wait_log("AV scan timed out on connection")
         self.assertEqual(self.send(c, "a@x.test", ehlo=False), b"451 AV scanner timeout\r\n")
+        self.virus.stop()
+        self.bed.daemon.wait_log("Connect to /var/lib/norvik/scannerd.sock failed")
+        self.assertEqual(self.send(c, "a@x.test", ehlo=False), b"250 OK\r\n")
+        self.relayed(1)
         c.cmd("QUIT")
         self.scan_dir_empty()
-
-
-class BodyRulesTest(RoadCase):
-    def test_size_end_binary_body_and_mid_line_dots(self):
-        self.road({"as_connections": "0", "use_scanner": "0"})
-        c = self.bed.connect()
-        text = b"Subject: s\r\n\r\nlast line without end"
-        sized = [f"MAIL FROM:<a@x.test> SIZE={len(text)}", "RCPT TO:<b@x.test>", "DATA"]
-        for line in ["EHLO client.test"] + sized:
-            c.cmd(line)
-        c.send(text + b".\r\n")
-        self.assertEqual(c.read_reply(timeout=20), b"250 OK\r\n")
-        self.assertEqual(self.relayed(1)[0].split(b"\r\n", 1)[1], text + b"\r\n")
-        # Same client, but more follows the held bytes: they were text.
-        for line in sized:
-            c.cmd(line)
-        c.send(text + b".\r\nmore\r\n.\r\n")
-        self.assertEqual(c.read_reply(timeout=20), b"250 OK\r\n")
-        self.assertEqual(self.relayed(2)[1].split(b"\r\n", 1)[1], text + b".\r\nmore\r\n")
-        # A binary body keeps its dots; a long line's tail keeps its leading "..".
-        binary = b"Content-Transfer-Encoding: binary\r\n\r\n..kept\r\n\x00\xff\r\n"
-        self.assertEqual(self.send(c, "a@x.test", body=binary, ehlo=False), b"250 OK\r\n")
-        self.assertEqual(self.relayed(3)[2].split(b"\r\n", 1)[1], binary)
-        long_line = b"Subject: s\r\n\r\n" + b"x" * 5000 + b"..tail\r\n"
-        self.assertEqual(self.send(c, "a@x.test", body=long_line, ehlo=False), b"250 OK\r\n")
-        self.assertEqual(self.relayed(4)[3].split(b"\r\n", 1)[1], long_line)
 
 
 class DisconnectTest(RoadCase):
@@ -198,8 +182,8 @@ class DisconnectTest(RoadCase):
         leave(b"Subject: half\r\n", "Connection closed by peer while receiving data.",
               lambda: self.bed.daemon.wait_log("Inside data_handler"))
         held = BODY.replace(b"<m1@road.test>", b"<hold>")
-        leave(held + b".\r\n", "vscan_cancel num 1", lambda: self.virus.wait_requests(1),
-              release=gate.set)
+        leave(held + b".\r\n", "vscan_cancel num 1",
+              lambda: self.virus.wait_for(lambda v: v.requests), release=gate.set)
         leave(BODY + b".\r\n", "Closing connection", lambda: self.relayed(1), count=3)
         hold.set()
         self.assertLessEqual(self.bed.daemon.quiet_fd_count(), base)
@@ -213,8 +197,7 @@ class LoadTest(RoadCase):
 
         def sender(i):
             try:
-                net = vb.DEFAULT_SENDER.rsplit(".", 1)[0]
-                c = self.bed.connect(source=f"{net}.{1 + i % 200}")
+                c = self.bed.connect(f"127.0.1.{1 + i % 200}")
                 for k in range(2):
                     body = BODY.replace(b"m1@road.test", f"s{i}-{k}@road.test".encode())
                     results.append((self.send(c, f"s{i}@x.test", body=body, ehlo=k == 0), i, k))
@@ -234,22 +217,3 @@ class LoadTest(RoadCase):
         self.assertEqual(sorted(ids), sorted(accepted))
         self.scan_dir_empty()
         vb.wait_until(lambda: self.bed.daemon.fd_count() <= base_fds, 30, "descriptors back")
-
-
-class RealClientsTest(RoadCase):
-    def test_swaks_and_smtp_source_send_through_the_proxy(self):
-        self.road({"listen_backlog": "64"})
-        ns, target = self.bed.ns, f"{vb.BACKEND_ADDR}:{vb.BACKEND_PORT}"
-        ns.exec(["swaks", "--server", target, "--local-interface", vb.DEFAULT_SENDER,
-                 "--from", "a@x.test", "--to", "b@x.test", "--body", ".dot\r\nend",
-                 "--timeout", "20"])  # raises when swaks fails
-        self.assertIn(b"\r\n..dot\r\nend\r\n", self.relayed(1)[0])
-        # smtp-source cannot pick its source address: its user's traffic is
-        # redirected instead, so the proxy's own connections stay direct.
-        ns.exec(["iptables", "-t", "nat", "-A", "OUTPUT", "-p", "tcp", "-m", "owner",
-                 "--uid-owner", "65534", "-d", vb.BACKEND_ADDR, "--dport", str(vb.BACKEND_PORT),
-                 "-j", "REDIRECT", "--to-ports", str(self.bed.listen_port)])
-        ns.exec(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                 "smtp-source", "-s", "5", "-m", "50", "-l", "4096", "-f", "a@x.test",
-                 "-t", "b@x.test", target])
-        self.assertEqual(len(self.relayed(51)), 51)

@@ -1,5 +1,4 @@
-"""The sender dialogue before the envelope: greeting, session commands, the command
-reader's framing and error limit, and hostile bytes."""
+"""The sender dialogue before the envelope: session commands, line framing, hostile bytes."""
 
 import random
 import re
@@ -8,12 +7,11 @@ import struct
 
 import vigil_bed as vb
 
-OK, UNKNOWN, LONG = b"250 OK\r\n", b"500 Unknown command\r\n", b"500 Long line?\r\n"
+OK, LONG = b"250 OK\r\n", b"500 Long line?\r\n"
 EHLO = (b"250-local.domain ESMTP\r\n250-VRFY\r\n250-8BITMIME\r\n250-SIZE 20971520\r\n"
         b"250-AUTH LOGIN\r\n250 OK\r\n")
 HELO = b"250 local.domain ESMTP\r\n"
-HELO_501 = b"501 HELO requires a domain address\r\n"
-EHLO_501 = b"501 EHLO requires a domain address\r\n"
+HELO_501, EHLO_501 = (b"501 %s requires a domain address\r\n" % v for v in (b"HELO", b"EHLO"))
 NEED_MAIL = b"503 Need MAIL before RCPT\r\n"
 
 
@@ -27,8 +25,6 @@ class SessionTest(vb.BedTestCase):
             (b"VRFY", b"252 Maybe\r\n"), (b"VRFY \xe9\xe8", b"252 Maybe\r\n"), (b"RSET", OK),
             (b"HELO", HELO_501), (b"HELO ", HELO_501), (b"HELO client.test\n", HELO_501),
             (b"EHLO", EHLO_501), (b"EHLO   ", EHLO_501),
-            (b"AUTH", b"501 AUTH command needs parameter\r\n"),
-            (b"AUTH PLAIN", b"501 authentication type not supported\r\n"),
             (b"MAIL FROM:<a@example.com>", b"553 Need EHLO before MAIL\r\n"),
             (b"HELO  client.test", HELO), (b"HELOX x", HELO), (b"helo a\0b", HELO),
             (b"EHLO\tclient.test", EHLO), (b"MAIL FROM:<a@example.com>", OK),
@@ -56,36 +52,11 @@ class SessionTest(vb.BedTestCase):
         self.assertEqual(c.read_reply(), OK)
         vb.dialogue(self, c, [(b"QUIT\r\nNOOP\r\n", b"221 Goodbye.\r\n")])
         self.assertEqual(c.read_until_closed(), b"")
-        d = bed.daemon
-        d.wait_log("response to sender QUIT command: 221 Goodbye.\n")
-        log = d.stderr()
+        bed.daemon.wait_log("response to sender QUIT command: 221 Goodbye.\n")
+        log = bed.daemon.stderr()
         self.assertIn("accepted new conn. current conn: 0\n", log)
         self.assertIn("HELO domain = client.test\n", log)
         self.assertIn(" response to DATA: 451 Couldn't open temporary file\n", log)
-
-    def test_sixth_error_is_answered_then_the_connection_closes(self):
-        bed = self.start({"my_domain": "mx.example.test", "greeting": "Hello there",
-                          "max_msg_size": "50000", "support_8bitmime": "0"})
-        c = bed.connect()
-        self.assertEqual(c.greeting, b"220 mx.example.test Hello there\r\n")
-        vb.dialogue(self, c, [(b"EHLO c", b"250-mx.example.test Hello there\r\n250-VRFY\r\n"
-                            b"250-SIZE 50000\r\n250-AUTH LOGIN\r\n250 OK\r\n"),
-                           (b"HELO c", b"250 mx.example.test Hello there\r\n"),
-                           (b"FOO", UNKNOWN), (b"QUI", UNKNOWN), (b"STARTTLS", UNKNOWN),
-                           (b"DATA", b"503 Need RCPT\r\n"),
-                           (b"RCPTX TO:<b@example.com>", b"500 malformed rcpt command\r\n")])
-        c.send(b"\xff\xfe\r\nNOOP\r\n")
-        self.assertEqual(c.read_until_closed(), UNKNOWN)
-        bed.daemon.wait_log("Too many sender errors. Closing connection (sender=127.0.1.10:")
-        long_lines = (b"X" * 2100 + b"\r\n") * 7
-        for batch, replies in ((b"BOGUS\r\n" * 8, UNKNOWN * 6), (long_lines, LONG * 6),
-                               (b"NOOP", LONG)):  # a partial line, then a half-close
-            c = bed.connect()
-            c.send(batch)
-            if batch == b"NOOP":
-                c.sock.shutdown(socket.SHUT_WR)
-            self.assertEqual(c.read_until_closed(), replies)
-        bed.daemon.wait_log(f"Connection closed by sender({vb.DEFAULT_SENDER}:")
 
     def test_hostile_senders_get_replies_only_and_leave_no_descriptor(self):
         vb.raise_nofile(8192)

@@ -1,20 +1,9 @@
-"""Runs the real vigild in a loopback-only network namespace behind a genuine NAT redirection:
-clients bind 127.0.1.0/24 or 127.0.2.0/24 and connect to the backend, 127.0.0.2:25; iptables
-REDIRECTs them to the proxy, which reads 127.0.0.2:25 back with SO_ORIGINAL_DST and connects
-there from an address outside the sender networks. The daemon runs under unshare -m with <bed root>/var bound over /var.
-
-API: BedTestCase.start(settings, **Bed.start_daemon args) -> Bed; .make_bed() -> Bed.
-Bed: .connect(source, greeting=True) -> SmtpClient (.cmd(line) -> reply bytes, .send(),
-.read_reply(), .read_line(), .read_until_closed(), .greeting, .sock, .close());
-.raw_connect(source); .start_backend(**kw) -> FakeBackend; .daemon -> Daemon (.pid,
-.alive(), .wait_log(text, timeout, count), .stderr(), .fd_count(), .quiet_fd_count(),
-.rss_kib(), .signal(sig), .wait(), .stop()); .write_file(name, text); .write_config();
-.host_path(path); .ns.socket(). Also vigild_path(), wait_until(), dialogue().
-`vigil_bed.py backend` serves a FakeBackend in the current namespace (scripts/demo.sh).
-"""
+"""Runs the real vigild in a loopback-only network namespace: clients bind 127.0.1.0/24 or
+127.0.2.0/24 and connect to the backend, 127.0.0.2:25; iptables REDIRECTs them to the proxy, which
+connects there itself. The daemon runs under unshare -m with <bed root>/var bound over /var."""
 
 import ctypes, itertools, os, resource, shutil, signal, socket, subprocess  # noqa: E401
-import sys, tempfile, threading, time, types, unittest  # noqa: E401
+import tempfile, threading, time, types, unittest  # noqa: E401
 from pathlib import Path
 
 BACKEND_ADDR, BACKEND_PORT, LISTEN_PORT = "127.0.0.2", 25, 2525
@@ -41,12 +30,12 @@ def unavailable_reason():
             return f"{tool} is missing (see scripts/deps.sh; VIGILD_BIN names the daemon)"
 
 
-def wait_until(predicate, timeout, what, step=0.01):  # returns predicate's true value
+def wait_until(predicate, timeout, what):  # returns predicate's true value
     deadline = time.monotonic() + timeout
     while not (value := predicate()):
         if time.monotonic() >= deadline:
             raise AssertionError(f"timed out after {timeout}s waiting for {what}")
-        time.sleep(step)
+        time.sleep(0.01)
     return value
 
 
@@ -55,8 +44,7 @@ def raise_nofile(wanted):
     resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, wanted), max(hard, wanted)))
 
 
-def dialogue(test, client, steps):
-    """Sends each line of steps (CR LF added unless it ends in LF) and checks its reply."""
+def dialogue(test, client, steps):  # sends each line (CR LF added unless it ends in LF)
     for line, reply in steps:
         with test.subTest(line=line[:50]):
             client.send(line if line.endswith(b"\n") else line + b"\r\n")
@@ -70,7 +58,7 @@ def _run(cmd):
 
 
 class NetNS:
-    def __init__(self, listen_port, prefix):
+    def __init__(self, prefix):
         self.name = f"{prefix}-{os.getpid()}-{next(_ns_counter)}"
         _run(["ip", "netns", "add", self.name])
         self._fd = os.open(f"/run/netns/{self.name}", os.O_RDONLY)
@@ -80,7 +68,7 @@ class NetNS:
             for net in ("127.0.1.0/24", "127.0.2.0/24"):
                 self.exec(["iptables", "-t", "nat", "-A", "OUTPUT", "-p", "tcp", "-s", net, "-d",
                            BACKEND_ADDR, "--dport", str(BACKEND_PORT), "-j", "REDIRECT",
-                           "--to-ports", str(listen_port)])
+                           "--to-ports", str(LISTEN_PORT)])
         except BaseException:
             self.close()
             raise
@@ -91,13 +79,13 @@ class NetNS:
     def exec(self, cmd):
         _run(self.command(cmd))
 
-    def socket(self, family=socket.AF_INET, type=socket.SOCK_STREAM):  # made while in it
+    def socket(self):  # a TCP socket made while in the namespace
         with _setns_lock:
             own = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
             try:
                 if _libc.setns(self._fd, 0x40000000) != 0:  # CLONE_NEWNET
                     raise OSError(ctypes.get_errno(), "setns failed")
-                return socket.socket(family, type)
+                return socket.socket()
             finally:
                 _libc.setns(own, 0x40000000)
                 os.close(own)
@@ -181,15 +169,15 @@ class Daemon:
 class SmtpClient:
     """A raw SMTP client; replies come back byte for byte, CR LF included."""
 
-    def __init__(self, sock, timeout=5.0):
-        self.sock, self.timeout, self.buf, self.eof, self.greeting = sock, timeout, b"", False, None
+    def __init__(self, sock):
+        self.sock, self.timeout, self.buf, self.eof, self.greeting = sock, 5.0, b"", False, None
 
     def send(self, data):
         self.sock.sendall(data.encode() if isinstance(data, str) else data)
 
-    def cmd(self, line, timeout=None):  # one line, CR LF appended; returns the reply
+    def cmd(self, line):  # one line, CR LF appended; returns the reply
         self.send((line.encode() if isinstance(line, str) else line) + b"\r\n")
-        return self.read_reply(timeout)
+        return self.read_reply()
 
     def _fill(self, deadline):  # False on time-out or end of stream
         self.sock.settimeout(max(deadline - time.monotonic(), 0.001))
@@ -202,21 +190,17 @@ class SmtpClient:
         self.buf, self.eof = self.buf + chunk, not chunk
         return bool(chunk)
 
-    def read_line(self, timeout=None):
-        deadline = time.monotonic() + (timeout or self.timeout)
-        while b"\n" not in self.buf:
-            if self.eof or not self._fill(deadline):
-                raise AssertionError(f"{'closed' if self.eof else 'timed out'} waiting for a "
-                                     f"line; got {self.buf!r}")
-        line, _, self.buf = self.buf.partition(b"\n")
-        return line + b"\n"
-
     def read_reply(self, timeout=None):  # continuation lines ("250-...") included
-        reply = line = self.read_line(timeout)
-        while line[3:4] == b"-":
-            line = self.read_line(timeout)
-            reply += line
-        return reply
+        deadline, reply = time.monotonic() + (timeout or self.timeout), b""
+        while True:
+            while b"\n" not in self.buf:
+                if self.eof or not self._fill(deadline):
+                    raise AssertionError(f"{'closed' if self.eof else 'timed out'} waiting for a "
+                                         f"reply; got {reply + self.buf!r}")
+            line, _, self.buf = self.buf.partition(b"\n")
+            reply += line + b"\n"
+            if line[3:4] != b"-":
+                return reply
 
     def read_until_closed(self, timeout=None):  # everything up to the peer's close
         deadline = time.monotonic() + (timeout or self.timeout)
@@ -230,34 +214,12 @@ class SmtpClient:
         self.sock.close()
 
 
-class FakeBackend:
-    """A scriptable SMTP server in place of the real mail server. replies maps a verb
-    ("EHLO", ...) to bytes or to a function of the line returning bytes; "AUTH" to a list,
-    one reply per line of that dialogue; "DOT" answers the end of a message, "UNKNOWN"
-    anything else; None closes unanswered. Each of .sessions has .peer, .lines (CR LF
-    kept), .messages (bodies without the final dot) and .closed. on_line(session, line)
-    runs in the serving thread."""
+class FakeServer:
+    """A listener with a thread per connection; wait_for waits on what the threads record."""
 
-    DEFAULT_REPLIES = {
-        "EHLO": b"250-backend.test\r\n250-PIPELINING\r\n250-SIZE 52428800\r\n"
-                b"250-8BITMIME\r\n250 AUTH LOGIN PLAIN\r\n",
-        "HELO": b"250 backend.test\r\n", "MAIL": b"250 2.1.0 Ok\r\n", "RCPT": b"250 2.1.5 Ok\r\n",
-        "DATA": b"354 End data with <CR><LF>.<CR><LF>\r\n", "RSET": b"250 2.0.0 Ok\r\n",
-        "DOT": b"250 2.0.0 Ok: queued as FAKE1\r\n", "NOOP": b"250 2.0.0 Ok\r\n",
-        "QUIT": b"221 2.0.0 Bye\r\n", "UNKNOWN": b"502 5.5.2 Error: command not recognized\r\n",
-        "AUTH": [b"334 VXNlcm5hbWU6\r\n", b"334 UGFzc3dvcmQ6\r\n",
-                 b"235 2.7.0 Authentication successful\r\n"],
-    }
-
-    def __init__(self, make_socket, addr=BACKEND_ADDR, port=BACKEND_PORT,
-                 greeting=b"220 backend.test ESMTP fake\r\n", replies=None, on_line=None):
-        self.greeting, self.on_line = greeting, on_line
-        self.replies = {**self.DEFAULT_REPLIES, **(replies or {})}
-        self.sessions, self.cond, self._conns, self._threads = [], threading.Condition(), [], []
-        self.listener = make_socket()
-        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.listener.bind((addr, port))
-        self.listener.listen(64)
+    def __init__(self, sock):  # bound, not yet listening
+        self.listener, self.conns, self._threads, self.cond = sock, [], [], threading.Condition()
+        sock.listen(64)
         self._start(self._accept_loop)
 
     def _start(self, target, *args):
@@ -272,15 +234,53 @@ class FakeBackend:
     def _accept_loop(self):
         while True:
             try:
-                conn, peer = self.listener.accept()
+                conn, _ = self.listener.accept()
             except OSError:  # stop() shut the listener down
                 return
-            self._conns.append(conn)
-            session = types.SimpleNamespace(peer=peer, lines=[], messages=[], closed=False)
-            self._note(self.sessions, session)  # listed before it can answer anything
-            self._start(self._serve, conn, session)
+            self._note(self.conns, conn)
+            self._start(self._serve, conn)
 
-    def _serve(self, conn, session):
+    def wait_for(self, predicate, timeout=10, what="the fake server"):
+        with self.cond:
+            if not self.cond.wait_for(lambda: predicate(self), timeout):
+                raise AssertionError(f"timed out waiting for {what}")
+
+    def stop(self):
+        for s in [self.listener] + self.conns:  # wakes the accept loop and every reader
+            try:
+                s.shutdown(socket.SHUT_RDWR)
+            except OSError:  # already closed by its serving thread
+                pass
+        for t in list(self._threads):
+            t.join(timeout=5)
+        self.listener.close()
+
+
+class FakeBackend(FakeServer):
+    """The mail server behind the proxy. replies: verb -> bytes, a function of the line, or None
+    (close unanswered); "AUTH" a list, one per line; "DOT" ends a message, "UNKNOWN" the rest.
+    .sessions: each has .lines (CR LF kept), .messages (without the final dot), .closed."""
+
+    DEFAULT_REPLIES = {
+        "EHLO": b"250-backend.test\r\n250-PIPELINING\r\n250-SIZE 52428800\r\n"
+                b"250-8BITMIME\r\n250 AUTH LOGIN PLAIN\r\n",
+        "HELO": b"250 backend.test\r\n", "MAIL": b"250 2.1.0 Ok\r\n", "RCPT": b"250 2.1.5 Ok\r\n",
+        "DATA": b"354 End data with <CR><LF>.<CR><LF>\r\n", "RSET": b"250 2.0.0 Ok\r\n",
+        "DOT": b"250 2.0.0 Ok: queued as FAKE1\r\n", "NOOP": b"250 2.0.0 Ok\r\n",
+        "QUIT": b"221 2.0.0 Bye\r\n", "UNKNOWN": b"502 5.5.2 Error: command not recognized\r\n",
+    }
+
+    def __init__(self, make_socket, greeting=b"220 backend.test ESMTP fake\r\n", replies=None):
+        self.greeting, self.sessions = greeting, []
+        self.replies = {**self.DEFAULT_REPLIES, **(replies or {})}
+        listener = make_socket()
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind((BACKEND_ADDR, BACKEND_PORT))
+        super().__init__(listener)
+
+    def _serve(self, conn):
+        session = types.SimpleNamespace(lines=[], messages=[], closed=False)
+        self._note(self.sessions, session)  # listed before it can answer anything
         f, auth_steps = conn.makefile("rb"), []
         try:
             if self.greeting is None:  # a backend that hangs up at once
@@ -288,11 +288,9 @@ class FakeBackend:
             conn.sendall(self.greeting)
             while line := f.readline(100000):
                 self._note(session.lines, line)
-                if self.on_line:
-                    self.on_line(session, line)
                 verb = line[:4].decode("latin-1").upper()
                 if not auth_steps and verb == "AUTH":
-                    auth_steps = list(self.replies["AUTH"])
+                    auth_steps = list(self.replies.get("AUTH", ()))
                 reply = auth_steps.pop(0) if auth_steps else self.replies.get(
                     verb, self.replies["UNKNOWN"])
                 if (reply := reply(line) if callable(reply) else reply) is None:
@@ -320,27 +318,12 @@ class FakeBackend:
                 session.closed = True
                 self.cond.notify_all()
 
-    def wait_for(self, predicate, timeout=10, what="backend condition"):
-        with self.cond:
-            if not self.cond.wait_for(lambda: predicate(self), timeout):
-                raise AssertionError(f"timed out waiting for {what}")
-
-    def stop(self):
-        for s in [self.listener] + self._conns:  # wakes the accept loop and every reader
-            try:
-                s.shutdown(socket.SHUT_RDWR)
-            except OSError:  # already closed by its serving thread
-                pass
-        for t in list(self._threads):
-            t.join(timeout=5)
-        self.listener.close()
-
 
 class Bed:
     """A namespace, a private /var for the daemon, and the daemon and backend in it."""
 
-    def __init__(self, listen_port=LISTEN_PORT, prefix="vge2e"):
-        self.listen_port, self.daemon, self.backend, self._clients = listen_port, None, None, []
+    def __init__(self, prefix="vge2e"):
+        self.daemon, self.backend, self._clients = None, None, []
         self.root = Path(tempfile.mkdtemp(prefix=f"{prefix}-"))
         self.var, self.etc = self.root / "var", self.root / "etc"
         for d in ("run", "support", "lib/norvik", "av/scan", "spool/xmail/spool/temp",
@@ -348,7 +331,7 @@ class Bed:
             (self.var / d).mkdir(parents=True)
         self.etc.mkdir()
         try:
-            self.ns = NetNS(listen_port, prefix)
+            self.ns = NetNS(prefix)
         except BaseException:
             shutil.rmtree(self.root, ignore_errors=True)
             raise
@@ -361,37 +344,35 @@ class Bed:
         (self.etc / name).write_text(text)
         return str(self.etc / name)
 
-    def write_config(self, settings=None, scannerd=None):  # a value of None leaves a key out
+    def write_config(self, settings=None):  # a value of None leaves a key out
         merged = {k: v for k, v in {**BED_SETTINGS, **(settings or {})}.items() if v is not None}
-        common = {**{k: v for k, v in merged.items() if k in SCANNERD_KEYS}, **(scannerd or {})}
+        common = {k: v for k, v in merged.items() if k in SCANNERD_KEYS}
         proxy = {k: v for k, v in merged.items() if k not in SCANNERD_KEYS}
         return tuple(self.write_file(name, f"[{section}]\n" + "".join(
             f"{k}={v}\n" for k, v in pairs.items())) for name, section, pairs in (
                 ("common.conf", "scannerd", common), ("vigild.conf", "vigild", proxy)))
 
     def start_daemon(self, settings=None, verbosity=("9",), extra_args=(), wait=True,
-                     binary=None, raw_args=None, wrapper=()):
-        """Starts vigild (or binary) in the foreground and by default waits until it
-        listens. raw_args replace the whole command line after the program; wrapper
-        is a command that execs it in place (prlimit, setpriv)."""
+                     raw_args=None, wrapper=()):
+        """raw_args replace the arguments; wrapper execs vigild in place (prlimit, setpriv)."""
         assert self.daemon is None or not self.daemon.alive(), "one daemon per bed"
         common, proxy = self.write_config(settings)
         args = raw_args if raw_args is not None else (
             ["-d", "-e", "-s"] + [a for v in verbosity for a in ("-v", v)] +
             ["-c", common, "-p", proxy] + list(extra_args))
-        self.daemon = Daemon(self, list(wrapper) + [str(binary or vigild_path())] + list(args))
+        self.daemon = Daemon(self, list(wrapper) + [str(vigild_path())] + list(args))
         if wait:
-            self.daemon.wait_listening(self.listen_port)
+            self.daemon.wait_listening(LISTEN_PORT)
         return self.daemon
 
     def start_backend(self, **kw):  # one per bed
         self.backend = FakeBackend(self.ns.socket, **kw)
         return self.backend
 
-    def raw_connect(self, source=DEFAULT_SENDER, timeout=5.0):
+    def raw_connect(self, source=DEFAULT_SENDER):
         s = self.ns.socket()
         try:
-            s.settimeout(timeout)
+            s.settimeout(5.0)
             s.bind((source, 0))
             s.connect((BACKEND_ADDR, BACKEND_PORT))
             return s
@@ -399,8 +380,8 @@ class Bed:
             s.close()
             raise
 
-    def connect(self, source=DEFAULT_SENDER, timeout=5.0, greeting=True):
-        c = SmtpClient(self.raw_connect(source, timeout), timeout)
+    def connect(self, source=DEFAULT_SENDER, greeting=True):
+        c = SmtpClient(self.raw_connect(source))
         self._clients.append(c)
         c.greeting = c.read_reply() if greeting else None
         return c
@@ -426,8 +407,8 @@ class BedTestCase(unittest.TestCase):
         if reason := unavailable_reason():
             self.skipTest(reason)
 
-    def make_bed(self, **kw):
-        bed = Bed(**kw)
+    def make_bed(self):
+        bed = Bed()
         self.addCleanup(bed.close)
         return bed
 
@@ -436,14 +417,3 @@ class BedTestCase(unittest.TestCase):
         bed.start_daemon(settings, **kw)
         return bed
 
-
-if __name__ == "__main__" and sys.argv[1:2] == ["backend"]:
-    backend = FakeBackend(socket.socket, on_line=lambda session, line: print(
-        f"backend <- {session.peer[0]}: {line!r}", flush=True))
-    print(f"fake backend listening on {BACKEND_ADDR}:{BACKEND_PORT}", flush=True)
-    stop = threading.Event()
-    for sig in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(sig, lambda *_: stop.set())
-    stop.wait()
-    backend.stop()
-    print(f"fake backend stopped after {len(backend.sessions)} session(s)", flush=True)
