@@ -1,8 +1,9 @@
 r"""Fake anti-spam service and virus scanner on Unix stream sockets, speaking the daemon's protocol.
 
 script gives the verdict for each request line (str, no "\n"): a function of the line, or a dict
-whose first key found in the line wins; None is clean, SILENT never answers. Request lines are
-kept in .requests, the virus scanner's hellos in .hellos.
+whose first key found in the line wins; None is clean, SILENT never answers, bytes
+go out as they are (a malformed reply, a wrong key); a script function may sleep first.
+Request lines are kept in .requests, the virus scanner's hellos in .hellos.
 """
 
 import os
@@ -41,7 +42,8 @@ class _FakeScanner(FakeServer):
                         verdict = next((v for k, v in (self.script or {}).items() if k in text),
                                        None)
                     if verdict != SILENT:
-                        conn.sendall(self._reply(line, verdict or 0))
+                        raw = isinstance(verdict, bytes)
+                        conn.sendall(verdict if raw else self._reply(line, verdict or 0))
             except OSError:
                 pass
 

@@ -144,11 +144,15 @@ class VerdictTest(RoadCase):
 
 class ScannerTroubleTest(RoadCase):
     def test_silent_scanner_hits_the_time_out_and_a_scanner_gone_is_bypassed(self):
-        # scanner_timeout 0 expires at the next timer pass; the scanner never answers.
-        self.road({"scanner_timeout": "0", "as_connections": "0", "vscan_bypass": "1"},
-                  virus=lambda line: SILENT)
+        # scanner_timeout 0 expires at the next timer pass; the scanner never answers. A
+        # malformed anti-spam reply clears the message of spam and the connection is remade.
+        replies = iter([b"x\n"])
+        self.road({"scanner_timeout": "0", "as_connections": "1", "vscan_bypass": "1"},
+                  spam=lambda line: next(replies, None), virus=lambda line: SILENT)
         c = self.bed.connect()
         self.assertEqual(self.send(c, "a@x.test"), b"451 AV scanner timeout\r\n")
+        self.bed.daemon.wait_log("Invalid response from anti-spam.\n")
+        self.bed.daemon.wait_log("Successfully connected to anti-spam server", count=2)
         self.bed.daemon.wait_log("AV scan timed out on connection")
         self.assertEqual(self.send(c, "a@x.test", ehlo=False), b"451 AV scanner timeout\r\n")
         self.virus.stop()
