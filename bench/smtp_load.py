@@ -81,7 +81,7 @@ async def one_session(loop, ns, source):
 
 
 async def client(loop, ns, index, deadline, latencies, errors):
-    source = f"10.9.{1 + index % 2}.{1 + (index // 2) % 250}"
+    source = f"127.0.{1 + index % 2}.{1 + (index // 2) % 250}"
     while time.monotonic() < deadline:
         t0 = time.monotonic()
         try:
@@ -188,7 +188,7 @@ def measure_idle_memory(bed, count):
     held = []
     try:
         for i in range(count):
-            c = vb.SmtpClient(bed.raw_connect(f"10.9.{1 + i % 2}.{1 + (i // 2) % 250}"))
+            c = vb.SmtpClient(bed.raw_connect(f"127.0.{1 + i % 2}.{1 + (i // 2) % 250}"))
             reply = c.read_reply()
             if not reply.startswith(b"220"):
                 raise SessionError(f"idle client {i} got {reply!r}")
