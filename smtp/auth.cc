@@ -99,6 +99,21 @@ std::string decode_or_empty(const char* line, bool password) {
   return std::string(decoded->data);
 }
 
+// The front of both login steps: the sender's line stored in slot. Null when
+// the handler has nothing more to do: the connection is gone, busy with a
+// transaction, has no complete line yet, or the sender cancelled.
+Connection* login_step(int fd, void* data, char* Connection::*slot, bool password) {
+  auto* conn = static_cast<Connection*>(data);
+  if (conn == nullptr || conn->closed) return nullptr;
+  if (conn->transaction_pending) {
+    smtp_reply(conn, PENDING);
+    return nullptr;
+  }
+  if (!read_auth_line(fd, conn, password)) return nullptr;
+  replace(&(conn->*slot), checked_strdup(command_line->data));
+  return cancelled(conn) ? nullptr : conn;
+}
+
 }  // namespace
 
 int smtp_auth(const DynString* line, Connection* conn) {
@@ -143,31 +158,15 @@ int smtp_auth(const DynString* line, Connection* conn) {
 }
 
 void username_handler(int fd, void* data) {
-  auto* conn = static_cast<Connection*>(data);
-  if (conn == nullptr || conn->closed) return;
-  if (conn->transaction_pending) {
-    smtp_reply(conn, PENDING);
-    return;
-  }
-  if (!read_auth_line(fd, conn, false)) return;
-  replace(&conn->auth_user, checked_strdup(command_line->data));
-  if (cancelled(conn)) return;
-  if (!smtp_reply(conn, PASS_PROMPT)) return;
+  Connection* conn = login_step(fd, data, &Connection::auth_user, false);
+  if (conn == nullptr || !smtp_reply(conn, PASS_PROMPT)) return;
   dlog(DLOG_SMTP, 4, "%p, response to 'User': 334 UGFzc3dvcmQ6\n", log_ptr(conn));
   comm_read(conn->sender_fd, password_handler, conn);
 }
 
 void password_handler(int fd, void* data) {
-  auto* conn = static_cast<Connection*>(data);
-  if (conn == nullptr || conn->closed) return;
-  if (conn->transaction_pending) {
-    smtp_reply(conn, PENDING);
-    return;
-  }
-  if (!read_auth_line(fd, conn, true)) return;
-  replace(&conn->auth_pass, checked_strdup(command_line->data));
-  if (cancelled(conn)) return;
-
+  Connection* conn = login_step(fd, data, &Connection::auth_pass, true);
+  if (conn == nullptr) return;
   bool accepted = true;
   // Without local checking the lines stay stored: the backend dialogue logs
   // in with them.
