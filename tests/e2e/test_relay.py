@@ -50,7 +50,7 @@ class RelayTestCase(vb.BedTestCase):
 
 
 class RelayDialogueTest(RelayTestCase):
-    def test_transaction_is_replayed_and_connection_kept_alive_and_reused(self):
+    def test_connection_reused_kept_alive_and_left_after_an_unasked_421(self):
         self.relay_bed({"noop_interval": "1"}, replies={"RSET": b"250 2.0.0 Reset\r\n"})
         c = self.client()
         self.assertEqual(self.send_message(c), OK)
@@ -66,6 +66,13 @@ class RelayDialogueTest(RelayTestCase):
         self.assertEqual(len(self.backend.sessions), 1)
         self.assertEqual(self.lines(), [EHLO, MAIL, rcpt(b"b"), DATA, b"RSET\r\n",
                                         MAIL, rcpt(b"b"), DATA, QUIT])
+        # A 421 from an idle backend reaches its sender unasked; the proxy leaves with QUIT.
+        self.backend.replies["NOOP"] = b"250 2.0.0 Ok\r\n421 4.3.2 going away\r\n"
+        c = self.client()
+        self.assertEqual(self.send_message(c), OK)
+        self.assertEqual(c.read_reply(timeout=10), b"421 4.3.2 going away\r\n")
+        self.wait_backend_closed(1)
+        self.assertEqual(self.lines(1)[-1], QUIT)
 
     def test_backend_replies_steer_the_dialogue_and_pass_through_auth(self):
         refuse_c = lambda line: b"550 5.1.1 no c\r\n" if b"<c@" in line else b"250 ok\r\n"
