@@ -116,6 +116,11 @@ void timer_cancel(Timer* t) {
   if (t != firing) delete t;
 }
 
+void timer_cancel_slot(Timer** slot) {
+  if (*slot != nullptr) timer_cancel(*slot);
+  *slot = nullptr;
+}
+
 void timer_reschedule(int delay, Timer* t) {
   if (t == nullptr) {
     dlog(DLOG_TIMER, 1, "Rescheduling a null timer?\n");

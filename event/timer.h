@@ -16,6 +16,9 @@ Timer* timer_add(int delay, TimerHandler handler, void* data);
 // Frees a pending timer. From the timer's own handler it is harmless: the
 // record goes when the handler returns.
 void timer_cancel(Timer* timer);
+// Cancels the timer a record holds, if any, and forgets it: the slot is null
+// afterwards, so a later cancel of the same slot does nothing.
+void timer_cancel_slot(Timer** slot);
 // Moves a pending timer to delay seconds after the cached time. From the
 // timer's own handler it re-arms the timer, and the handle stays valid.
 void timer_reschedule(int delay, Timer* timer);

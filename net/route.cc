@@ -81,13 +81,6 @@ void routes_refresh_handler(void*) {
   routes_refresh();
 }
 
-void cancel_refresh() {
-  if (routes_timer != nullptr) {
-    timer_cancel(routes_timer);
-    routes_timer = nullptr;
-  }
-}
-
 void schedule_refresh() {
   routes_timer = timer_add(ROUTES_REFRESH_SECONDS, routes_refresh_handler, nullptr);
 }
@@ -255,14 +248,14 @@ uint32_t route_lookup(uint32_t addr) {
 
 void routes_reload() {
   dlog(DLOG_UTIL, 9, "Reloading internal routing table\n");
-  cancel_refresh();
+  timer_cancel_slot(&routes_timer);
   routes_load();
   schedule_refresh();
 }
 
 void routes_refresh() {
   dlog(DLOG_UTIL, 9, "Refreshing internal routing table\n");
-  cancel_refresh();
+  timer_cancel_slot(&routes_timer);
   routes_load();
   schedule_refresh();
 }

@@ -91,14 +91,8 @@ void as_reconnect_fired(void* data) {
   as_connect(ps);
 }
 
-void cancel_reconnect(AsServer* ps) {
-  if (ps->reconnect_timer == nullptr) return;
-  timer_cancel(ps->reconnect_timer);
-  ps->reconnect_timer = nullptr;
-}
-
 void schedule_connect(AsServer* ps) {
-  cancel_reconnect(ps);
+  timer_cancel_slot(&ps->reconnect_timer);
   ps->reconnect_timer = timer_add(RECONNECT_DELAY, as_reconnect_fired, ps);
 }
 
@@ -317,7 +311,7 @@ void as_connected(int fd, int error, void* data) {
 
 void as_connect(AsServer* ps) {
   if (ps == nullptr || ps->connect_handle != nullptr) return;
-  cancel_reconnect(ps);  // whatever was scheduled happens now
+  timer_cancel_slot(&ps->reconnect_timer);  // whatever was scheduled happens now
   if (ps->stream != nullptr) lstream_close(nullptr, ps->stream);
   ps->stream = nullptr;
   as.as_down = true;
@@ -421,7 +415,7 @@ void spam_shutdown() {
   }
   for (AsServer& ps : as.servers) {
     if (ps.connect_handle != nullptr) comm_connect_abort(ps.connect_handle);
-    cancel_reconnect(&ps);
+    timer_cancel_slot(&ps.reconnect_timer);
     if (ps.fd >= 0) {
       comm_clear_write(ps.fd, 0);
       comm_clear_read(ps.fd);

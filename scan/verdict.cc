@@ -98,8 +98,7 @@ const char* spam_tag_for(int scan_result) {
 // The backend is connected and idle: the new message starts at MAIL FROM.
 void reuse_backend(Connection* conn) {
   dlog(DLOG_SMTP, 9, "backend already connected\n");
-  if (conn->noop_timer != nullptr) timer_cancel(conn->noop_timer);
-  conn->noop_timer = nullptr;
+  timer_cancel_slot(&conn->noop_timer);
   const char* from = conn->from != nullptr ? conn->from->data : "";
   char* command = nullptr;
   int n = xasprintf(&command, "MAIL FROM:<%s>\r\n", from);
@@ -122,8 +121,7 @@ void spam_callback(void* data, int result) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
   dlog(DLOG_SMTP, 4, "%p, spam_callback r = %#x\n", data, result);
-  if (conn->scan_timer != nullptr) timer_cancel(conn->scan_timer);
-  conn->scan_timer = nullptr;
+  timer_cancel_slot(&conn->scan_timer);
   if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
   conn->spam_request = nullptr;
 
@@ -168,8 +166,7 @@ void virus_callback(int result, void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
   dlog(DLOG_SMTP, 4, "%p, virus_callback r = %#x\n", data, result);
-  if (conn->scan_timer != nullptr) timer_cancel(conn->scan_timer);
-  conn->scan_timer = nullptr;
+  timer_cancel_slot(&conn->scan_timer);
   if (conn->vs_request != nullptr) vscan_cancel(conn->vs_request);
   conn->vs_request = nullptr;
   conn->scan_result |= result;

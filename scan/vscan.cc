@@ -89,14 +89,8 @@ void vs_reconnect_fired(void*) {
   vs_connect();
 }
 
-void cancel_reconnect() {
-  if (vs.reconnect_timer == nullptr) return;
-  timer_cancel(vs.reconnect_timer);
-  vs.reconnect_timer = nullptr;
-}
-
 void schedule_connect(int delay) {
-  cancel_reconnect();
+  timer_cancel_slot(&vs.reconnect_timer);
   vs.reconnect_timer = timer_add(delay, vs_reconnect_fired, nullptr);
 }
 
@@ -285,7 +279,7 @@ void vs_connected(int fd, int error, void*) {
 void vs_connect() {
   dlog(DLOG_VSCAN, 9, "vs_connect client_type %d scanner_fd %d handle %p\n", vs.client_type,
        vs.scanner_fd, static_cast<void*>(vs.connect_handle));
-  cancel_reconnect();  // whatever was scheduled happens now
+  timer_cancel_slot(&vs.reconnect_timer);  // whatever was scheduled happens now
   if (vs.connect_handle != nullptr) return;
   close_scanner_fd();
   vs.epoch++;
@@ -376,7 +370,7 @@ void vs_dump(FILE* stream) {
 void vs_shutdown() {
   if (vs.connect_handle != nullptr) comm_connect_abort(vs.connect_handle);
   vs.connect_handle = nullptr;
-  cancel_reconnect();
+  timer_cancel_slot(&vs.reconnect_timer);
   close_scanner_fd();
   if (vs.stream != nullptr) lstream_close(nullptr, vs.stream);
   vs.stream = nullptr;

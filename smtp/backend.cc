@@ -193,8 +193,7 @@ void close_backend(Connection* conn) {
     close(conn->receiver_fd);
     conn->receiver_fd = -1;
   }
-  if (conn->scan_timer != nullptr) timer_cancel(conn->scan_timer);
-  conn->scan_timer = nullptr;
+  timer_cancel_slot(&conn->scan_timer);
   if (conn->scan_file != nullptr) fclose(conn->scan_file);
   conn->scan_file = nullptr;
   if (conn->scan_file_name != nullptr) {
@@ -206,16 +205,14 @@ void close_backend(Connection* conn) {
   conn->spam_request = nullptr;
   if (conn->vs_request != nullptr) vscan_cancel(conn->vs_request);
   conn->vs_request = nullptr;
-  if (conn->noop_timer != nullptr) timer_cancel(conn->noop_timer);
-  conn->noop_timer = nullptr;
+  timer_cancel_slot(&conn->noop_timer);
 }
 
 int be_send_file(Connection* conn) {
   if (conn->closed) return 1;
   // A large file may take longer than the idle time-out to go out; the
   // file's completion arms the timer again.
-  if (conn->idle_timer != nullptr) timer_cancel(conn->idle_timer);
-  conn->idle_timer = nullptr;
+  timer_cancel_slot(&conn->idle_timer);
   dlog(DLOG_SMTP, 9, "Sending file to backend: fd %d\n", conn->receiver_fd);
   if (conn->scan_file == nullptr || conn->scan_file_name == nullptr) return 1;
   if (conn->unstuffed) {

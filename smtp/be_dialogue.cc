@@ -44,7 +44,7 @@ int problem(Connection* conn, const DynString* line, const char* format) {
 }
 
 void go_idle(Connection* conn) {
-  if (conn->noop_timer != nullptr) timer_cancel(conn->noop_timer);
+  timer_cancel_slot(&conn->noop_timer);
   conn->noop_timer = timer_add(config.noop_interval, be_send_noop, conn);
   dlog(DLOG_SMTP, 9, "backend in idle state\n");
   conn->be_state = BE_IDLE;

@@ -240,10 +240,8 @@ void finish_data(Connection* conn) {
   conn->msgid = header_field_value("message-id:", conn->scan_file_name->data);
   dlog(DLOG_SMTP, 5, "%p, Start scanning email (msgid=%s)\n", log_ptr(conn),
        conn->msgid != nullptr ? conn->msgid : "(null)");
-  if (conn->idle_timer != nullptr) timer_cancel(conn->idle_timer);
-  conn->idle_timer = nullptr;
-  if (conn->scan_timer != nullptr) timer_cancel(conn->scan_timer);
-  conn->scan_timer = nullptr;
+  timer_cancel_slot(&conn->idle_timer);
+  timer_cancel_slot(&conn->scan_timer);
 
   if (config.as_connections == 0) {
     spam_callback(conn, 0);

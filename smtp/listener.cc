@@ -207,8 +207,7 @@ void close_connection(Connection* conn) {
     close(conn->sender_fd);
     conn->sender_fd = -1;
   }
-  if (conn->idle_timer != nullptr) timer_cancel(conn->idle_timer);
-  conn->idle_timer = nullptr;
+  timer_cancel_slot(&conn->idle_timer);
 
   free_cstring(&conn->msgid);
   free_string(&conn->helo_domain);
@@ -253,8 +252,7 @@ void reset_transaction(Connection* conn) {
   conn->num_rcpts = 0;
   conn->num_failed_rcpts = 0;
   conn->scan_result = 0;
-  if (conn->scan_timer != nullptr) timer_cancel(conn->scan_timer);
-  conn->scan_timer = nullptr;
+  timer_cancel_slot(&conn->scan_timer);
   if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
   conn->spam_request = nullptr;
   vscan_cancel(conn->vs_request);

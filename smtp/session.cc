@@ -97,8 +97,7 @@ int smtp_ehlo(const DynString* line, Connection* conn) {
 }
 
 int smtp_rset(const DynString* line, Connection* conn) {
-  if (conn->noop_timer != nullptr) timer_cancel(conn->noop_timer);
-  conn->noop_timer = nullptr;
+  timer_cancel_slot(&conn->noop_timer);
   dlog(DLOG_SMTP, 9, "rset line: %s", line->data);
   if (conn->transaction_pending) {
     smtp_reply(conn, "501 Mail transaction pending\r\n");
