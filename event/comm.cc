@@ -139,6 +139,13 @@ void comm_read(int fd, IoHandler handler, void* data) {
   comm_add_fd(fd, COMM_READ, handler, data);
 }
 
+void comm_read_now(int fd, IoHandler handler, void* data) {
+  comm_read(fd, handler, data);
+  if (!valid(fd) || handler == nullptr || comm.fds[fd].ready) return;
+  comm.fds[fd].ready = true;
+  comm.ready.push_back(fd);
+}
+
 void comm_clear_read(int fd) {
   comm_add_fd(fd, COMM_READ, nullptr, nullptr);
 }
@@ -153,6 +160,7 @@ void comm_clear_fd(int fd, int flags) {
   if (flags & COMM_READ) {
     r.read_handler = nullptr;
     r.poll.events &= ~POLLIN;
+    r.ready = false;
   }
   if (flags & COMM_WRITE) {
     r.write_handler = nullptr;
@@ -196,14 +204,30 @@ void comm_run(int timeout) {
     dlog(DLOG_COMM, 1, "Nothing to poll?\n");
     return;
   }
-  int r = poll(comm.polls.data(), static_cast<nfds_t>(n), wait_ms);
+  bool any_ready = false;
+  for (int fd : comm.ready) any_ready = any_ready || comm.fds[fd].ready;
+  int r = poll(comm.polls.data(), static_cast<nfds_t>(n), any_ready ? 0 : wait_ms);
   dlog(DLOG_COMM, 9, "poll result: %d %m\n", r);
   if (r < 0 && !is_transient_errno(errno)) {
     dlog(DLOG_COMM, 0, "Poll failed: %m\n");
     exit(1);
   }
   comm_update_time();
-  if (r <= 0) return;
+  // Descriptors marked by comm_read_now count as readable in this cycle's
+  // read pass, in their usual place in the dispatch order.
+  int marked = 0;
+  if (any_ready) {
+    for (int i = 0; i < n; i++) {
+      pollfd& p = comm.polls[i];
+      if (comm.fds[p.fd].ready && (p.events & POLLIN)) {
+        p.revents |= POLLIN;
+        marked++;
+      }
+    }
+    for (int fd : comm.ready) comm.fds[fd].ready = false;
+    comm.ready.clear();
+  }
+  if (r <= 0 && marked == 0) return;
   if (!dispatch(n, POLLIN, true)) return;
   dispatch(n, POLLOUT, false);
 }

@@ -31,6 +31,10 @@ int comm_init(int n);
 void comm_run(int timeout);
 void comm_add_fd(int fd, int flags, IoHandler handler, void* data);
 void comm_read(int fd, IoHandler handler, void* data);
+// As comm_read, and the handler runs in the next cycle even when the kernel
+// has nothing new: for input a stream already holds in user space, which no
+// poll would announce. The cycle then does not wait.
+void comm_read_now(int fd, IoHandler handler, void* data);
 void comm_clear_read(int fd);
 void comm_clear_fd(int fd, int flags);
 int comm_set_current_polls();

@@ -23,6 +23,7 @@ struct DescriptorRecord {
   void* read_data = nullptr;
   void* write_data = nullptr;
   pollfd poll{-1, 0, 0};  // fd and events; revents lives in the poll array only
+  bool ready = false;     // read handler runs next cycle without the kernel's word
 };
 
 struct QueuedWrite {
@@ -68,6 +69,7 @@ struct CommState {
   std::vector<pollfd> polls;
   std::vector<WriteQueue> writes;
   int npolls = 0;
+  std::vector<int> ready;  // descriptors marked by comm_read_now, in order
   int used_head = -1;
   int free_head = -1;
   bool restart = false;

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <memory>
 
 using TimerHandler = void (*)(void* data);
 
@@ -26,3 +27,10 @@ void timer_reschedule(int delay, Timer* timer);
 int timer_next_timeout();
 void timer_run();
 void timer_dump(FILE* stream);
+
+// A record's own timer: cancelled when the owner lets go. The timer's handler
+// must release() it first, since a fired timer is freed by this module.
+struct TimerCancel {
+  void operator()(Timer* timer) const noexcept { timer_cancel(timer); }
+};
+using TimerPtr = std::unique_ptr<Timer, TimerCancel>;

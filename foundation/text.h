@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
+#include <memory>
 
 // Formats into a new string (caller frees with free()) and returns its size
 // including the NUL. Allocation failure ends the process: it never fails.
@@ -12,3 +14,9 @@ char* str_trim(char* s);
 int is_blank_line(const char* s);
 // Copies at most size - 1 bytes and terminates when size > 0; returns strlen(source).
 size_t str_copy_bounded(char* destination, const char* source, size_t size);
+
+// A malloc'ed string (from xasprintf, strdup) that frees itself.
+struct FreeChars {
+  void operator()(char* p) const noexcept { free(p); }
+};
+using CharsPtr = std::unique_ptr<char, FreeChars>;

@@ -19,7 +19,6 @@
 #include "foundation/dlog.h"
 #include "foundation/text.h"
 #include "scan/header.h"
-#include "smtp/config.h"
 
 namespace {
 
@@ -41,22 +40,18 @@ constexpr const char* HEADER_FORMAT =
     "        boundary=\"%s\"\r\n"
     "\r\n";
 
-const char* address_of(const RcptNode* node) {
-  return node->address != nullptr ? node->address->data : "";
-}
-
 // The message as it went to the backend, when it can be mapped and is
 // smaller than max_msg_size; otherwise the part is left out. A short write
 // leaves the stream's error flag set for the caller to find.
-void write_message_part(FILE* out, const Connection* conn, const char* boundary, const char* path) {
+void write_message_part(FILE* out, int fd, long long max_msg_size, const char* boundary,
+                        const char* path) {
   struct stat st;
-  int fd = conn->scan_file != nullptr ? fileno(conn->scan_file) : -1;
   if (fd < 0) errno = EBADF;
   if (fd < 0 || fstat(fd, &st) != 0) {
     dlog(DLOG_SMTP, 1, "send_dsn: error fstat()ing file: %m\n");
     return;
   }
-  if (static_cast<int64_t>(st.st_size) >= static_cast<int64_t>(config.max_msg_size)) return;
+  if (static_cast<int64_t>(st.st_size) >= static_cast<int64_t>(max_msg_size)) return;
   // An empty file cannot be mapped (EINVAL) and gets no part either.
   size_t size = static_cast<size_t>(st.st_size);
   void* map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
@@ -73,13 +68,11 @@ void write_message_part(FILE* out, const Connection* conn, const char* boundary,
 
 }  // namespace
 
-void send_dsn(Connection* conn) {
-  if (conn == nullptr) return;
+void send_dsn(const DsnMessage& message, const DsnSettings& settings) {
   // A message from the null sender gets no notification: there is nobody to
   // send it to, and answering one could start a loop between mailers.
-  if (conn->from == nullptr || conn->from->length == 0) {
-    dlog(DLOG_SMTP, 3, "%p, send_dsn: no notification for the null sender\n",
-         static_cast<void*>(conn));
+  if (message.from == nullptr || message.from[0] == '\0') {
+    dlog(DLOG_SMTP, 3, "%p, send_dsn: no notification for the null sender\n", message.log_id);
     return;
   }
   struct utsname host;
@@ -90,7 +83,7 @@ void send_dsn(Connection* conn) {
   char* name = nullptr;
   char* path = nullptr;
   xasprintf(&name, "%ld-%.3d.%d.%s", now, dsn_sequence, pid, host.nodename);
-  xasprintf(&path, "%s/%s", config.mailer_temp_dir, name);
+  xasprintf(&path, "%s/%s", settings.temp_dir, name);
   FILE* out = fopen(path, "w");
   if (out == nullptr) {
     dlog(DLOG_SMTP, 1, "send_dsn: cannot open mail file %s to write\n", path);
@@ -103,27 +96,23 @@ void send_dsn(Connection* conn) {
   xasprintf(&boundary, "%ld.%d/%s", now, pid, host.nodename);
   const time_t date_time = static_cast<time_t>(now);
   char* date = rfc822_date(&date_time);
-  const char* from = conn->from->data;
-  fprintf(out, HEADER_FORMAT, from, name, config.my_domain, from, date, boundary);
+  const char* from = message.from;
+  fprintf(out, HEADER_FORMAT, from, name, settings.my_domain, from, date, boundary);
   free(date);
 
   fprintf(out,
           "--%s\r\nContent-Type: text/plain; charset=us-ascii\r\n\r\n"
           "The following address(es) had delivery problems:\r\n",
           boundary);
-  for (const RcptNode* r = conn->failed_rcpts; r != nullptr; r = r->next) {
-    fprintf(out, " %s\r\n", address_of(r));
-  }
+  for (const char* r : message.refused) fprintf(out, " %s\r\n", r);
   fputs("\r\n", out);
   fprintf(out,
           "--%s\r\nContent-Type: message/delivery-status\r\n\r\n"
           "Reporting-MTA: dns; %s\r\n\r\n",
-          boundary, config.my_domain);
-  for (const RcptNode* r = conn->failed_rcpts; r != nullptr; r = r->next) {
-    fprintf(out, "Final-Recipient: rfc822;%s\r\nAction: failed\r\nStatus: 5.1.0\r\n\r\n",
-            address_of(r));
-  }
-  write_message_part(out, conn, boundary, path);
+          boundary, settings.my_domain);
+  for (const char* r : message.refused)
+    fprintf(out, "Final-Recipient: rfc822;%s\r\nAction: failed\r\nStatus: 5.1.0\r\n\r\n", r);
+  write_message_part(out, message.message_fd, settings.max_msg_size, boundary, path);
   fprintf(out, "\r\n--%s--\r\n\r\n", boundary);
   free(boundary);
 
@@ -136,7 +125,7 @@ void send_dsn(Connection* conn) {
     unlink(path);
   } else {
     char* target = nullptr;
-    xasprintf(&target, "%s/%s", config.mailer_local_dir, name);
+    xasprintf(&target, "%s/%s", settings.local_dir, name);
     if (rename(path, target) != 0) {
       dlog(DLOG_SMTP, 1, "send_dsn: cannot move %s to %s: %m\n", path, target);
     }

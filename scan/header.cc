@@ -14,7 +14,6 @@
 #include <memory>
 
 #include "foundation/dlog.h"
-#include "foundation/fatal.h"
 #include "foundation/text.h"
 #include "scan/convert.h"
 
@@ -153,7 +152,10 @@ int rfc822_tag(const char* field, const char* tag, const char* file_name) {
       unlink(path);
       errno = e;
     }
-    fatal_exit("Couldn't open file %s for tagging: %m\n", path);
+    // A full or broken scan directory fails this message only.
+    dlog(DLOG_HEADER, 1, "Couldn't open file %s for tagging: %m\n", path);
+    free(path);
+    return -1;
   }
 
   const size_t field_len = strlen(field);

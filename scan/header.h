@@ -16,6 +16,6 @@ char* rfc822_date(const time_t* time);
 // Puts tag in front of the field's value, or adds the field when the header
 // lacks it, through a copy renamed over the file (mode 0600 afterwards).
 // 1: tag null or field added; 0: tagged, already tagged, or no end of header;
-// -1: file unreadable, or the copy not written or not moved into place (the
-// file is unchanged). Failing to create the copy is fatal.
+// -1: file unreadable, or the copy not made, not written or not moved into
+// place (the file is unchanged).
 int rfc822_tag(const char* field, const char* tag, const char* file_name);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 struct AsRequest;
 
@@ -25,6 +26,10 @@ AsRequest* spam_scan(SpamHandler handler, void* data, const char* filename, cons
 // Drops a request (not null): off the waiting stack, its connection freed for
 // the next waiting request. Also after its handler ran.
 void spam_cancel(AsRequest* request);
+struct SpamCancel {
+  void operator()(AsRequest* r) const noexcept { spam_cancel(r); }
+};
+using AsRequestPtr = std::unique_ptr<AsRequest, SpamCancel>;
 // Shutdown: closes every connection and frees the pool; waiting requests are
 // not answered.
 void spam_shutdown();

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 struct VscanRequest;
 
@@ -26,6 +27,10 @@ VscanRequest* virus_scan(const char* filename, in_addr_t from_addr, in_addr_t to
                          const char* id, int vst, VscanHandler handler, void* data, bool bypass);
 // Drops a request; null allowed.
 void vscan_cancel(VscanRequest* request);
+struct VscanCancel {
+  void operator()(VscanRequest* r) const noexcept { vscan_cancel(r); }
+};
+using VscanRequestPtr = std::unique_ptr<VscanRequest, VscanCancel>;
 // The client's section of the state dump.
 void vs_dump(FILE* stream);
 // Shutdown: closes the connection and frees the queue without answering it.

@@ -40,15 +40,10 @@ constexpr std::array<int, 256> B64_TABLE = [] {
   return t;
 }();
 
-char* checked_strdup(const char* s) {
+CharsPtr checked_strdup(const char* s) {
   char* copy = strdup(s);
   if (copy == nullptr) fatal_exit("Out of memory: %m\n");
-  return copy;
-}
-
-void replace(char** field, char* value) {
-  free(*field);
-  *field = value;
+  return CharsPtr(copy);
 }
 
 // Reads the next user name or password line into command_line. False when
@@ -58,7 +53,7 @@ bool read_auth_line(int fd, Connection* conn, bool password) {
   command_line->length = 0;
   command_line->data[0] = '\0';
   errno = 0;
-  if (lstream_readline(command_line, conn->sender_stream, '\n', COMMAND_LINE_MAX) == -1) {
+  if (lstream_readline(command_line, conn->sender_stream.get(), '\n', COMMAND_LINE_MAX) == -1) {
     if (is_transient_errno(errno)) {
       comm_read(fd, password ? password_handler : username_handler, conn);
     } else {
@@ -102,7 +97,7 @@ std::string decode_or_empty(const char* line, bool password) {
 // The front of both login steps: the sender's line stored in slot. Null when
 // the handler has nothing more to do: the connection is gone, busy with a
 // transaction, has no complete line yet, or the sender cancelled.
-Connection* login_step(int fd, void* data, char* Connection::*slot, bool password) {
+Connection* login_step(int fd, void* data, CharsPtr Connection::*slot, bool password) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return nullptr;
   if (conn->transaction_pending) {
@@ -110,7 +105,7 @@ Connection* login_step(int fd, void* data, char* Connection::*slot, bool passwor
     return nullptr;
   }
   if (!read_auth_line(fd, conn, password)) return nullptr;
-  replace(&(conn->*slot), checked_strdup(command_line->data));
+  conn->*slot = checked_strdup(command_line->data);
   return cancelled(conn) ? nullptr : conn;
 }
 
@@ -129,18 +124,18 @@ int smtp_auth(const DynString* line, Connection* conn) {
   if (words->count < 3) {
     smtp_reply(conn, "501 AUTH command needs parameter\r\n");
     dlog(DLOG_SMTP, 4, "%p, response to AUTH: 501 AUTH command needs parameter\n", log_ptr(conn));
-    if (!conn->closed) reset_transaction(conn);
+    if (!conn->closed) txn_end(conn);
     return conn->closed;
   }
   if (strncasecmp(words->entries[1]->data, "login", 5) != 0) {
     smtp_reply(conn, "501 authentication type not supported\r\n");
     dlog(DLOG_SMTP, 4, "%p, response to AUTH: 501 authentication type not supported\n",
          log_ptr(conn));
-    if (!conn->closed) reset_transaction(conn);
+    if (!conn->closed) txn_end(conn);
     return conn->closed;
   }
 
-  replace(&conn->auth_user, nullptr);
+  conn->auth_user.reset();
   if (words->count > 3) {
     std::string initial = std::string(words->entries[2]->data) + "\r\n";
     conn->auth_user = checked_strdup(initial.c_str());
@@ -148,11 +143,11 @@ int smtp_auth(const DynString* line, Connection* conn) {
   if (conn->auth_user != nullptr) {
     if (!smtp_reply(conn, PASS_PROMPT)) return 1;
     dlog(DLOG_SMTP, 4, "%p, response to AUTH: 334 UGFzc3dvcmQ6\n", log_ptr(conn));
-    comm_read(conn->sender_fd, password_handler, conn);
+    smtp_read_sender(conn, password_handler);
   } else {
     if (!smtp_reply(conn, USER_PROMPT)) return 1;
     dlog(DLOG_SMTP, 4, "%p, response to AUTH: 334 VXNlcm5hbWU6\n", log_ptr(conn));
-    comm_read(conn->sender_fd, username_handler, conn);
+    smtp_read_sender(conn, username_handler);
   }
   return 1;
 }
@@ -161,7 +156,7 @@ void username_handler(int fd, void* data) {
   Connection* conn = login_step(fd, data, &Connection::auth_user, false);
   if (conn == nullptr || !smtp_reply(conn, PASS_PROMPT)) return;
   dlog(DLOG_SMTP, 4, "%p, response to 'User': 334 UGFzc3dvcmQ6\n", log_ptr(conn));
-  comm_read(conn->sender_fd, password_handler, conn);
+  smtp_read_sender(conn, password_handler);
 }
 
 void password_handler(int fd, void* data) {
@@ -171,10 +166,10 @@ void password_handler(int fd, void* data) {
   // Without local checking the lines stay stored: the backend dialogue logs
   // in with them.
   if (config.relay_control && !config.passthrough_auth) {
-    accepted = check_local_auth(conn->auth_user, conn->auth_pass);
+    accepted = check_local_auth(conn->auth_user.get(), conn->auth_pass.get());
     if (accepted) {
-      replace(&conn->auth_user, nullptr);
-      replace(&conn->auth_pass, nullptr);
+      conn->auth_user.reset();
+      conn->auth_pass.reset();
       dlog(DLOG_SMTP, 9, "Proxy local authentication accepted\n");
       conn->can_relay = true;
     }

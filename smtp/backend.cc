@@ -11,24 +11,37 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
+#include <string>
+#include <vector>
 
 #include "foundation/dlog.h"
+#include "foundation/fatal.h"
 #include "foundation/fd.h"
 #include "net/route.h"
 #include "net/tproxy.h"
-#include "scan/convert.h"
-#include "scan/spam.h"
-#include "scan/vscan.h"
+#include "scan/dotstream.h"
 #include "smtp/config.h"
 
 namespace {
 
 constexpr int RECEIVER_READ_SIZE = 2000;
 constexpr int REPLY_LINE_MAX = 2000;
+constexpr size_t RELAY_CHUNK = 65536;
+
+// The relay of a message failed before the backend took it: the backend side
+// goes (a stream cut before its end of data is discarded by the backend), the
+// message ends with the reply, its envelope stays.
+void relay_failed(Connection* conn, const char* reply) {
+  close_backend(conn);
+  if (conn->closed) return;
+  if (!smtp_reply(conn, reply)) return;
+  txn_end_message(conn);
+  smtp_resume(conn);
+}
 
 void start_failed(Connection* conn) {
-  close_backend(conn);
-  if (!conn->closed) smtp_reply_and_resume(conn, "451 Internal Error\r\n");
+  relay_failed(conn, "451 Internal Error\r\n");
 }
 
 // Binds the backend socket so that the backend sees the sender's address.
@@ -68,11 +81,80 @@ void backend_write_done(int error, Connection* conn) {
   if (conn == nullptr || conn->closed || error == 0) return;
   dlog(DLOG_SMTP, 3, "Write to backend(%s:%d) error. Closing: %m\n",
        Dotted(conn->receiver_addr).text, port_of(conn->receiver_addr));
-  close_backend(conn);
+  relay_failed(conn, "451 Internal Error\r\n");
   if (conn->closed) return;
-  if (!smtp_reply_and_resume(conn, "451 Internal Error\r\n")) return;
   dlog(DLOG_SMTP, 4, "%p, response to sender due to backend write failure: 451 Internal Error\n",
        log_ptr(conn));
+}
+
+}  // namespace
+
+// The message file on its way to the backend: read in chunks, each turned
+// into its part of the canonical stream and written once the one before is
+// out, so only one chunk is held per connection.
+struct RelaySend {
+  int file_fd;  // the message's scan file; borrowed
+  int64_t offset = 0;
+  DotEncoder encoder;
+  std::vector<char> in = std::vector<char>(RELAY_CHUNK);
+  std::string out;    // the write in flight; the queue points into it
+  bool last = false;  // out ends the stream
+  bool in_flight = false;
+  bool in_call = false;  // inside comm_write: its completion must not recurse
+};
+
+void RelaySendFree::operator()(RelaySend* r) const noexcept {
+  delete r;
+}
+
+namespace {
+
+void relay_pump(Connection* conn);
+
+void relay_write_done(int, int error, void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  if (conn == nullptr || conn->closed) return;
+  if (error != 0) {
+    backend_write_done(error, conn);
+    return;
+  }
+  RelaySend* r = conn->relay.get();
+  if (r == nullptr) return;
+  r->in_flight = false;
+  if (!r->in_call) relay_pump(conn);
+}
+
+void relay_pump(Connection* conn) {
+  RelaySend* r = conn->relay.get();
+  while (!r->in_flight) {
+    if (r->last) {
+      // All of it is out: the time-out that the send held off runs again.
+      conn->relay.reset();
+      reset_idle_timer(conn);
+      return;
+    }
+    r->out.clear();
+    ssize_t n = pread(r->file_fd, r->in.data(), r->in.size(), r->offset);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      dlog(DLOG_SMTP, 1, "%p, Couldn't read the message for the backend: %m\n", log_ptr(conn));
+      relay_failed(conn, "451 Internal Error\r\n");
+      return;
+    }
+    if (n == 0) {
+      dot_encode_finish(&r->encoder, &r->out);
+      r->last = true;
+    } else {
+      r->offset += n;
+      dot_encode(&r->encoder, r->in.data(), static_cast<size_t>(n), &r->out);
+    }
+    r->in_flight = r->in_call = true;
+    int w = comm_write(conn->receiver_fd, r->out.data(), static_cast<int>(r->out.size()),
+                       relay_write_done, conn, nullptr);
+    // A failed write has torn the backend side down, this record with it.
+    if (w != 0 || conn->closed || conn->relay.get() != r) return;
+    r->in_call = false;
+  }
 }
 
 }  // namespace
@@ -117,11 +199,10 @@ void be_connected(int fd, int error, void* data) {
     dlog(DLOG_SMTP, 3, "Backend connect error, %m.backend=%s(%d), sender=%s(%d)\n",
          Dotted(conn->receiver_addr).text, port_of(conn->receiver_addr),
          Dotted(conn->sender_addr).text, port_of(conn->sender_addr));
-    close_backend(conn);
-    if (!conn->closed) smtp_reply_and_resume(conn, "451 Internal Error\r\n");
+    relay_failed(conn, "451 Internal Error\r\n");
     return;
   }
-  conn->receiver_stream = lstream_open(conn->receiver_fd, read, RECEIVER_READ_SIZE);
+  conn->receiver_stream.reset(lstream_open(conn->receiver_fd, read, RECEIVER_READ_SIZE));
   if (conn->receiver_stream == nullptr) {
     dlog(DLOG_SMTP, 1, "Can not open receiver stream: %m\n");
     close_connection(conn);
@@ -153,7 +234,7 @@ void response_handler(int fd, void* data) {
     command_line->length = 0;
     command_line->data[0] = '\0';
     errno = 0;
-    int r = lstream_readline(command_line, conn->receiver_stream, '\n', REPLY_LINE_MAX);
+    int r = lstream_readline(command_line, conn->receiver_stream.get(), '\n', REPLY_LINE_MAX);
     if (r == -1) {
       if (is_transient_errno(errno)) {
         comm_read(fd, response_handler, conn);
@@ -178,12 +259,12 @@ void response_handler(int fd, void* data) {
 void close_backend(Connection* conn) {
   conn->be_state = BE_INIT;
   conn->be_pipelining = false;
+  conn->be_8bitmime = false;
   conn->noops_pending = 0;
   conn->transaction_pending = false;
   if (conn->be_connect != nullptr) comm_connect_abort(conn->be_connect);
   conn->be_connect = nullptr;
-  if (conn->receiver_stream != nullptr) lstream_close(nullptr, conn->receiver_stream);
-  conn->receiver_stream = nullptr;
+  conn->receiver_stream.reset();
   if (conn->receiver_fd != -1) {
     // Handlers go before the descriptor, so none can run on a reused number.
     // Queued writes are dropped unannounced: their handlers would only tear
@@ -193,51 +274,24 @@ void close_backend(Connection* conn) {
     close(conn->receiver_fd);
     conn->receiver_fd = -1;
   }
-  timer_cancel_slot(&conn->scan_timer);
-  if (conn->scan_file != nullptr) fclose(conn->scan_file);
-  conn->scan_file = nullptr;
-  if (conn->scan_file_name != nullptr) {
-    unlink(conn->scan_file_name->data);
-    dstr_free(conn->scan_file_name);
-    conn->scan_file_name = nullptr;
-  }
-  if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
-  conn->spam_request = nullptr;
-  if (conn->vs_request != nullptr) vscan_cancel(conn->vs_request);
-  conn->vs_request = nullptr;
-  timer_cancel_slot(&conn->noop_timer);
+  // Only now: a queued write pointed into its buffer.
+  conn->relay.reset();
+  conn->noop_timer.reset();
 }
 
 int be_send_file(Connection* conn) {
   if (conn->closed) return 1;
-  // A large file may take longer than the idle time-out to go out; the
-  // file's completion arms the timer again.
-  timer_cancel_slot(&conn->idle_timer);
+  Message* m = conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
+  if (m == nullptr || m->file == nullptr) return 1;
+  // A large file may take longer than the idle time-out to go out; the end
+  // of the send arms the timer again.
+  conn->idle_timer.reset();
   dlog(DLOG_SMTP, 9, "Sending file to backend: fd %d\n", conn->receiver_fd);
-  if (conn->scan_file == nullptr || conn->scan_file_name == nullptr) return 1;
-  if (conn->unstuffed) {
-    // stuff_file takes a descriptor and closes it on success: give it a
-    // duplicate and drop the stream first, so no descriptor is closed twice
-    // (a second close could hit a number the loop has handed out again).
-    int fd = dup(fileno(conn->scan_file));
-    fclose(conn->scan_file);
-    conn->scan_file = nullptr;
-    if (fd < 0) return 1;
-    if (stuff_file(conn->scan_file_name->data, fd) != 0) {
-      close(fd);
-      return 1;
-    }
-    conn->scan_file = fopen(conn->scan_file_name->data, "r");
-    if (conn->scan_file == nullptr) return 1;
-  } else if (fwrite(".\r\n", 1, 3, conn->scan_file) != 3 || fflush(conn->scan_file) != 0) {
-    // Without its final dot the backend would wait for more of the message.
-    return 1;
-  }
-  if (comm_write_file(conn->receiver_fd, fileno(conn->scan_file), be_write_file_callback, conn) !=
-      0) {
-    close_connection(conn);
-    return 1;
-  }
+  auto* r = new (std::nothrow) RelaySend{};
+  if (r == nullptr) fatal_exit("Out of memory: %m\n");
+  r->file_fd = m->file->fd;
+  conn->relay.reset(r);
+  relay_pump(conn);
   return 0;
 }
 
@@ -246,18 +300,10 @@ void generic_be_write_callback(int fd, int error, void* data) {
   backend_write_done(error, static_cast<Connection*>(data));
 }
 
-void be_write_file_callback(int fd, int error, void* data) {
-  auto* conn = static_cast<Connection*>(data);
-  dlog(DLOG_SMTP, 9, "be_write_file_callback: fd %d\n", fd);
-  if (conn == nullptr || conn->closed) return;
-  reset_idle_timer(conn);
-  backend_write_done(error, conn);
-}
-
 void be_send_noop(void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr) return;
-  conn->noop_timer = nullptr;  // fired: the timer module frees it
+  conn->noop_timer.release();  // fired: the timer module frees it
   if (conn->closed || conn->receiver_fd == -1) return;
   dlog(DLOG_SMTP, 9, "sending NOOP to backend\n");
   if (comm_write(conn->receiver_fd, "NOOP\r\n", 6, generic_be_write_callback, conn, nullptr) != 0) {
@@ -265,5 +311,5 @@ void be_send_noop(void* data) {
     return;
   }
   conn->noops_pending += 1;
-  conn->noop_timer = timer_add(config.noop_interval, be_send_noop, conn);
+  conn->noop_timer.reset(timer_add(config.noop_interval, be_send_noop, conn));
 }

@@ -31,21 +31,26 @@ void backend_start(Connection* conn);
 void be_connected(int fd, int error, void* data);
 // Read handler of receiver_fd: hands every whole reply line to be_handle_line.
 void response_handler(int fd, void* data);
-// Ends the backend connection and drops the scan state of the current
-// message (scan timer, scan requests, scan file and its name, NOOP timer).
-// Idempotent. The envelope and the sender side are left alone.
+// Ends the backend connection (connect, descriptor, stream, keep-alive, a
+// message on its way). Idempotent. The transaction and the sender side are
+// left alone.
 void close_backend(Connection* conn);
-// Tells the sender about a backend failure: reply forwarded verbatim (then
-// QUIT to the backend), or "421 Backend closed connection" when it is empty;
-// tears the backend side down and reads the sender's commands again.
+// A backend failure. While the backend works for the sender (a message
+// being relayed, a passed-on RSET) the sender gets the reply forwarded
+// verbatim (then QUIT goes to the backend), or "421 Backend closed
+// connection" when it is empty, the message ends and the sender's commands
+// are read again. An idle backend's failure reaches a sender between
+// messages the same way and leaves the sender's reading alone.
 void be_problem(Connection* conn, const DynString* reply);
-// Sends the scan file (dot-stuffed again when unstuffed is set) ending in
-// ".\r\n". 0: handed to comm_write_file; 1: not (conn may be closed).
+// Starts sending the message file as its one canonical DATA stream (see
+// scan/dotstream.h), ending in ".\r\n". 0: started (a later failure is
+// reported through the writes); 1: there is no message to send.
 int be_send_file(Connection* conn);
 // Completion handler of every command written to the backend.
 void generic_be_write_callback(int fd, int error, void* data);
-// Completion handler of the message file.
-void be_write_file_callback(int fd, int error, void* data);
+// "MAIL FROM:<from>\r\n" for the transaction, with BODY=8BITMIME when the
+// sender asked for it and the backend announced it. Caller frees.
+char* be_mail_command(const Connection* conn);
 // Timer handler of noop_timer; data is the Connection.
 void be_send_noop(void* data);
 

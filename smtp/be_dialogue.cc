@@ -3,6 +3,8 @@
 // passed through, MAIL FROM, the RCPT TOs, DATA and the message file. Every
 // reply line the backend sends arrives in be_handle_line through
 // response_handler; be_state says what it answers.
+#include <strings.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -12,6 +14,7 @@
 #include "scan/dsn.h"
 #include "smtp/backend.h"
 #include "smtp/config.h"
+#include "smtp/verdict.h"
 
 namespace {
 
@@ -44,24 +47,31 @@ int problem(Connection* conn, const DynString* line, const char* format) {
 }
 
 void go_idle(Connection* conn) {
-  timer_cancel_slot(&conn->noop_timer);
-  conn->noop_timer = timer_add(config.noop_interval, be_send_noop, conn);
+  conn->noop_timer.reset(timer_add(config.noop_interval, be_send_noop, conn));
   dlog(DLOG_SMTP, 9, "backend in idle state\n");
   conn->be_state = BE_IDLE;
 }
 
 int send_mail_from(Connection* conn, const DynString* line, const char* null_format) {
-  if (conn->from == nullptr) return problem(conn, line, null_format);
-  char* text;
-  xasprintf(&text, "MAIL FROM:<%s>\r\n", conn->from->data);
-  if (!send_command(conn, text, true)) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", log_ptr(conn), conn->from->data);
+  if (conn->txn == nullptr) return problem(conn, line, null_format);
+  if (!send_command(conn, be_mail_command(conn), true)) return 1;
+  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", log_ptr(conn),
+       conn->txn->from->data);
   conn->be_state = BE_MAIL;
   return 0;
 }
 
+// The recipient under rcpt_cursor: the backend gets them newest first.
+const char* cursor_address(const Connection* conn) {
+  const Transaction* txn = conn->txn.get();
+  if (txn == nullptr || txn->rcpt_cursor < 0 ||
+      static_cast<size_t>(txn->rcpt_cursor) >= txn->rcpts.size())
+    return nullptr;
+  return txn->rcpts[static_cast<size_t>(txn->rcpt_cursor)]->data;
+}
+
 int send_rcpt(Connection* conn) {
-  const char* address = conn->rcpt_cursor->address->data;
+  const char* address = cursor_address(conn);
   char* text;
   xasprintf(&text, "RCPT TO:<%s>\r\n", address);
   if (!send_command(conn, text, true)) return 1;
@@ -73,16 +83,23 @@ int send_rcpt(Connection* conn) {
 
 // The recipient under rcpt_cursor has been answered: the next one, or DATA.
 int advance_rcpt(Connection* conn, const DynString* line) {
-  conn->rcpt_cursor = conn->rcpt_cursor->next;
-  if (conn->rcpt_cursor == nullptr) {
+  conn->txn->rcpt_cursor -= 1;
+  if (conn->txn->rcpt_cursor < 0) {
     if (!send_command(conn, "DATA\r\n", false)) return 1;
     dlog(DLOG_SMTP, 4, "%p, sent 'DATA' to backend\n", log_ptr(conn));
     conn->be_state = BE_DATA;
     return 0;
   }
-  if (conn->rcpt_cursor->address == nullptr)
+  if (cursor_address(conn) == nullptr)
     return problem(conn, line, "%p, unexpected error in BE_RCPT state - null rcpt to.\n");
   return send_rcpt(conn);
+}
+
+// One line of the EHLO reply: does it announce 8BITMIME?
+bool announces_8bitmime(const DynString* line) {
+  if (line->length < 12) return false;
+  const char* keyword = line->data + 4;
+  return strncasecmp(keyword, "8BITMIME", 8) == 0 && strchr(" \r\n", keyword[8]) != nullptr;
 }
 
 // A refused AUTH step: the message goes on unauthenticated after an RSET.
@@ -104,6 +121,7 @@ int on_init(Connection* conn, const DynString* line, int c, bool more) {
   if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in init state: %s");
   if (more) return 0;
   conn->transaction_pending = false;
+  conn->be_8bitmime = false;
   if (conn->helo_domain == nullptr)
     return problem(conn, line, "%p, unexpected error in BE_INIT state - null helo domain.\n");
   char* text;
@@ -127,6 +145,7 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
     return 0;
   }
   if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in EHLO state: %s");
+  if (announces_8bitmime(line)) conn->be_8bitmime = true;
   if (more) return 0;
   if (conn->auth_user != nullptr && conn->auth_pass != nullptr && config.passthrough_auth) {
     if (!send_command(conn, "auth login\r\n", false)) return 1;
@@ -157,14 +176,14 @@ int on_auth_login(Connection* conn, const DynString* line, int c, bool more) {
     return auth_rset(conn);
   }
   if (more) return 0;
-  char* user = auth_line_copy(conn, conn->auth_user, line);
+  char* user = auth_line_copy(conn, conn->auth_user.get(), line);
   if (user == nullptr) return 1;
   // A write that fails at once has told the sender and torn the backend down.
   if (comm_write(conn->receiver_fd, user, static_cast<int>(strlen(user)), generic_be_write_callback,
                  conn, free) < 0)
     return 1;
   if (conn->closed) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_user);
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_user.get());
   conn->be_state = BE_AUTH_USER;
   return 0;
 }
@@ -175,9 +194,9 @@ int on_auth_user(Connection* conn, const DynString* line, int c, bool more) {
     return auth_rset(conn);
   }
   if (more) return 0;
-  char* pass = auth_line_copy(conn, conn->auth_pass, line);
+  char* pass = auth_line_copy(conn, conn->auth_pass.get(), line);
   if (pass == nullptr || !send_command(conn, pass, true)) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_pass);
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_pass.get());
   conn->be_state = BE_AUTH_PASSWORD;
   return 0;
 }
@@ -186,24 +205,22 @@ int on_mail(Connection* conn, const DynString* line, int c, bool more) {
   if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in MAIL state: %s");
   if (more) return 0;
   conn->be_state = BE_RCPT;
-  conn->rcpt_cursor = conn->rcpts;
-  if (conn->rcpt_cursor == nullptr)
+  if (conn->txn == nullptr || conn->txn->rcpts.empty())
     return problem(conn, line, "%p, unexpected error in BE_MAIL state - null rcpt list.\n");
-  if (conn->rcpt_cursor->address == nullptr)
-    return problem(conn, line, "%p, unexpected error in BE_MAIL state - null rcpt to.\n");
+  conn->txn->rcpt_cursor = static_cast<int>(conn->txn->rcpts.size()) - 1;
   return send_rcpt(conn);
 }
 
 int on_rcpt(Connection* conn, const DynString* line, int c, bool more) {
   // A multi-line refusal is counted once, on its last line.
   if (more) return 0;
-  if (conn->rcpt_cursor == nullptr || conn->rcpt_cursor->address == nullptr)
+  const char* address = cursor_address(conn);
+  if (address == nullptr)
     return problem(conn, line, "%p, unexpected error in BE_RCPT state - null rcpt to.\n");
   if (is_2xx(c)) return advance_rcpt(conn, line);
-  add_failed_rcpt(conn, smtp_checked(dstr_copy(conn->rcpt_cursor->address)));
-  if (conn->closed) return 1;
+  add_failed_rcpt(conn, smtp_checked(dstr_from_cstr(address)));
   dlog(DLOG_SMTP, 3, "Backend problem in RCPT state: %s", line->data);
-  if (conn->num_failed_rcpts == conn->num_rcpts) {
+  if (conn->txn->failed_rcpts.size() == conn->txn->rcpts.size()) {
     be_problem(conn, line);
     return 1;
   }
@@ -213,6 +230,7 @@ int on_rcpt(Connection* conn, const DynString* line, int c, bool more) {
 int on_data(Connection* conn, const DynString* line, int c, bool more) {
   if (!is_3xx(c)) return problem(conn, line, "%p, Backend problem in DATA state: %s");
   if (more) return 0;
+  conn->be_state = BE_SENT_DATA;
   if (be_send_file(conn) != 0 || conn->closed) {
     dlog(DLOG_SMTP, 1, "%p, Couldn't send file in DATA state: %m\n", log_ptr(conn));
     if (conn->closed) return 1;
@@ -220,9 +238,21 @@ int on_data(Connection* conn, const DynString* line, int c, bool more) {
     be_problem(conn, reply.get());
     return 1;
   }
+  // A send that failed at once has told the sender and ended the backend.
+  if (conn->receiver_fd == -1) return 1;
   dlog(DLOG_SMTP, 4, "%p, fnished sening data to backend\n", log_ptr(conn));
-  conn->be_state = BE_SENT_DATA;
   return 0;
+}
+
+// The refused recipients listed in a notification to the message's sender.
+void notify_refused(Connection* conn) {
+  const Transaction* txn = conn->txn.get();
+  const Message* m = txn->msg.get();
+  DsnMessage note{conn, txn->from->data, {}, m != nullptr && m->file ? m->file->fd : -1};
+  for (auto it = txn->failed_rcpts.rbegin(); it != txn->failed_rcpts.rend(); ++it)
+    note.refused.push_back((*it)->data);
+  send_dsn(note, DsnSettings{config.my_domain, config.mailer_temp_dir, config.mailer_local_dir,
+                             config.max_msg_size});
 }
 
 int on_sent_data(Connection* conn, const DynString* line, int c, bool more) {
@@ -232,18 +262,15 @@ int on_sent_data(Connection* conn, const DynString* line, int c, bool more) {
   // not see the backend's queue id or wording.
   if (!smtp_reply(conn, "250 OK\r\n") || conn->closed) return 1;
   dlog(DLOG_SMTP, 4, "%p, response to sender DATA: 250 OK\n", log_ptr(conn));
-  if (conn->num_failed_rcpts > 0) {
-    send_dsn(conn);
-    if (conn->closed) return 1;
-  }
-  reset_transaction(conn);
-  comm_read(conn->sender_fd, command_handler, conn);
+  if (!conn->txn->failed_rcpts.empty()) notify_refused(conn);
+  txn_end(conn);
   go_idle(conn);
+  smtp_resume(conn);
   return 0;
 }
 
 int on_rset(Connection* conn, const DynString* line) {
-  reset_transaction(conn);
+  txn_end(conn);
   if (write_line_copy(conn->sender_fd, line, sender_write_callback, conn) != 0) {
     close_connection(conn);
     return 1;
@@ -251,7 +278,7 @@ int on_rset(Connection* conn, const DynString* line) {
   if (conn->closed) return 1;
   dlog(DLOG_SMTP, 4, "%p, response to sender RESET: %s\n", log_ptr(conn), line->data);
   go_idle(conn);
-  comm_read(conn->sender_fd, command_handler, conn);
+  smtp_resume(conn);
   return 0;
 }
 
@@ -269,26 +296,48 @@ int line_incomplete(const DynString* line) {
   return line->length == 0 || line->data[line->length - 1] != '\n' ? 1 : 0;
 }
 
+char* be_mail_command(const Connection* conn) {
+  const Transaction* txn = conn->txn.get();
+  char* text = nullptr;
+  xasprintf(&text, "MAIL FROM:<%s>%s\r\n", txn->from->data,
+            txn->body_8bitmime && conn->be_8bitmime ? " BODY=8BITMIME" : "");
+  return text;
+}
+
 void be_problem(Connection* conn, const DynString* reply) {
   dlog(DLOG_SMTP, 5, "Backend problem, connection %p\n", log_ptr(conn));
-  if (reply->length == 0) {
-    if (!smtp_reply(conn, "421 Backend closed connection\r\n")) return;
-  } else {
-    if (write_line_copy(conn->sender_fd, reply, sender_write_callback, conn) != 0) {
-      close_connection(conn);
-      return;
-    }
-    dlog(DLOG_SMTP, 4, "%p, backend problem, responese to sender: %s", log_ptr(conn), reply->data);
-    // Courtesy only: a QUIT that cannot go out at once is dropped with the
-    // socket below, and no answer to it is awaited.
-    if (!conn->closed &&
-        comm_write(conn->receiver_fd, "QUIT\r\n", 6, nullptr, nullptr, nullptr) != 0) {
-      close_connection(conn);
-      return;
+  const TxnPhase phase = txn_phase(conn);
+  const bool rset = conn->be_state == BE_RSET;
+  // Working for the sender: the failure is the answer it waits for. An idle
+  // backend's failure is news a sender between messages may hear, but one
+  // in the middle of a message (or of its reading) must not.
+  const bool answer = phase == TxnPhase::RELAYING || rset;
+  if (answer || phase == TxnPhase::ENVELOPE) {
+    if (reply->length == 0) {
+      if (!smtp_reply(conn, "421 Backend closed connection\r\n")) return;
+    } else {
+      if (write_line_copy(conn->sender_fd, reply, sender_write_callback, conn) != 0) {
+        close_connection(conn);
+        return;
+      }
+      dlog(DLOG_SMTP, 4, "%p, backend problem, responese to sender: %s", log_ptr(conn),
+           reply->data);
     }
   }
+  // Courtesy only: a QUIT that cannot go out at once is dropped with the
+  // socket below, and no answer to it is awaited.
+  if (reply->length > 0 && !conn->closed &&
+      comm_write(conn->receiver_fd, "QUIT\r\n", 6, nullptr, nullptr, nullptr) != 0) {
+    close_connection(conn);
+    return;
+  }
   close_backend(conn);
-  if (!conn->closed) comm_read(conn->sender_fd, command_handler, conn);
+  if (conn->closed || !answer) return;
+  if (rset)
+    txn_end(conn);
+  else
+    txn_end_message(conn);
+  smtp_resume(conn);
 }
 
 int be_handle_line(Connection* conn, DynString* line) {

@@ -33,7 +33,7 @@ int read_line(Connection* conn) {
   command_line->length = 0;
   command_line->data[0] = '\0';
   errno = 0;
-  return lstream_readline(command_line, conn->sender_stream, '\n', COMMAND_LINE_MAX);
+  return lstream_readline(command_line, conn->sender_stream.get(), '\n', COMMAND_LINE_MAX);
 }
 
 bool ends_with_lf(const DynString* line) {

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <grp.h>
 #include <pwd.h>
+#include <strings.h>
 #include <syslog.h>
 
 #include <array>
@@ -243,6 +244,17 @@ void read_names_and_paths() {
   get_string(CONFIG_COMMON_SECTION, "spam_tag", &config.spam_tag);
   get_string(CONFIG_COMMON_SECTION, "spam_plus_tag", &config.spam_plus_tag);
   get_string(CONFIG_COMMON_SECTION, "scanner_addr", &config.scanner_addr);
+
+  if (const char* mode = proxy_var("bare_line_ends")) {
+    if (strcasecmp(mode, "normalize") == 0) {
+      config.bare_line_ends = BareLineEnds::NORMALIZE;
+    } else if (strcasecmp(mode, "reject") == 0) {
+      config.bare_line_ends = BareLineEnds::REJECT;
+    } else {
+      dlog(DLOG_SMTP, 1, "Illegal bare_line_ends. Using normalize\n");
+      config.bare_line_ends = BareLineEnds::NORMALIZE;
+    }
+  }
 }
 
 void set_owned_text(const char** field, char* text) {

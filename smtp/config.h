@@ -15,6 +15,10 @@ constexpr const char* VIGILD_PROXY_CONFIG = "/etc/av/vigild.conf";
 constexpr const char* CONFIG_PROXY_SECTION = "vigild";
 constexpr const char* CONFIG_COMMON_SECTION = "scannerd";
 
+// What a bare CR or LF in a message body leads to: made into a line end
+// (LF) or a space (CR), or the whole message refused.
+enum class BareLineEnds { NORMALIZE, REJECT };
+
 // The settings. String fields point either at a compiled-in literal or at a
 // copy owned by this module; never free or keep them past a config_set_string
 // on the same field. A null spam_tag/spam_plus_tag means "no tag".
@@ -59,6 +63,7 @@ struct Config {
   bool discard_virus = false;
   bool support_8bitmime = true;
   long long max_spam_scan_size = 51200;
+  BareLineEnds bare_line_ends = BareLineEnds::NORMALIZE;
 
   int num_fds = 0;  // set by start-up from the descriptor budget
 

@@ -1,15 +1,17 @@
 // Message reception: DATA opens the scan file with its Received line, the
-// body is read piece by piece into it with dot-stuffing undone, and the end of
-// data hands the file to the spam check. Nothing is answered for the message
-// here: the verdicts and the relay decide what the sender hears.
+// body is decoded piece by piece into it, and the end of data either refuses
+// the message (too large, bare line ends when those are refused, not stored
+// whole) or hands the complete file to the spam check. The sender's answer
+// for a message that goes on to be scanned comes from the verdicts and the
+// relay.
 #include <arpa/inet.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "foundation/dlog.h"
 #include "foundation/fatal.h"
@@ -17,41 +19,16 @@
 #include "foundation/text.h"
 #include "scan/header.h"
 #include "scan/spam.h"
-#include "scan/verdict.h"
-#include "smtp/backend.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
+#include "smtp/verdict.h"
 
 namespace {
 
 constexpr int DATA_PIECE_MAX = 5000;
-constexpr char TERMINATOR[] = ".\r\n";
-constexpr size_t TERMINATOR_LENGTH = 3;
-constexpr char CTE_FIELD[] = "Content-Transfer-Encoding:";
-constexpr size_t CTE_FIELD_LENGTH = sizeof(CTE_FIELD) - 1;
-
-bool ends_with(const DynString* s, const char* tail, size_t n) {
-  return static_cast<size_t>(s->length) >= n && memcmp(s->data + s->length - n, tail, n) == 0;
-}
-
-// True when the whole piece went into the file.
-bool store(Connection* conn, const char* bytes, size_t n) {
-  return fwrite(bytes, 1, n, conn->scan_file) == n;
-}
-
-// Content-Transfer-Encoding: binary means the body is not dot-stuffed text,
-// so its leading dots are message bytes and stay as they are.
-void watch_transfer_encoding(Connection* conn, const DynString* piece) {
-  if (static_cast<size_t>(piece->length) < CTE_FIELD_LENGTH ||
-      strncasecmp(piece->data, CTE_FIELD, CTE_FIELD_LENGTH) != 0)
-    return;
-  char* value = strndup(piece->data + CTE_FIELD_LENGTH, piece->length - CTE_FIELD_LENGTH);
-  if (value == nullptr) fatal_exit("Out of memory: %m\n");
-  char* trimmed = str_trim(value);
-  dlog(DLOG_SMTP, 9, "Content-Transfer_encoding: %s\n", trimmed);
-  if (strncasecmp(trimmed, "binary", 6) == 0) conn->binary_body = true;
-  free(value);
-}
+constexpr const char* SIZE_REFUSAL = "552 Message size exceeds fixed maximum message size\r\n";
+constexpr const char* BARE_REFUSAL = "550 Message contains bare CR or LF\r\n";
+constexpr const char* STORE_REFUSAL = "451 Internal Error\r\n";
 
 // A 451 for a scan file that could not be made; the envelope stays so the
 // sender may try DATA again.
@@ -62,14 +39,47 @@ int refuse_data(Connection* conn, const char* reply) {
   return conn->closed;
 }
 
-// The scan file could not take the whole piece: the message is lost, so the
-// sender is told at once and the rest of its input is read as commands.
-void scan_file_write_failed(Connection* conn) {
-  if (!smtp_reply_and_resume(conn, "451 Internal Error\r\n")) return;
-  dlog(DLOG_SMTP, 4, "%p, response to DATA: 451 Internal Error\n", log_ptr(conn));
-  dlog(DLOG_SMTP, 3, "%p, Error writing scanfile %s: %m\n", log_ptr(conn),
-       conn->scan_file_name->data);
-  close_backend(conn);
+// Once a message is refused, the rest of its body is still read up to its
+// end of data, so that no body line is ever taken for a command, but nothing
+// more is stored.
+void refuse_rest(Connection* conn, Message* m, const char* reply, const char* why) {
+  if (m->refusal != nullptr) return;
+  m->refusal = reply;
+  dlog(DLOG_SMTP, 3, why, log_ptr(conn), m->file->name.c_str());
+}
+
+void store_content(Connection* conn, Message* m) {
+  if (m->refusal == nullptr && !spool_write(m->file.get(), m->content.data(), m->content.size()))
+    refuse_rest(conn, m, STORE_REFUSAL, "%p, Error writing scanfile %s: %m\n");
+  m->content.clear();
+}
+
+// The limits that apply while the body streams in.
+void check_body(Connection* conn, Message* m) {
+  const int64_t held = m->rx.held ? 3 : 0;
+  if (m->rx.bytes - held > config.max_msg_size)
+    refuse_rest(conn, m, SIZE_REFUSAL, "%p, message larger than max_msg_size, %s not kept\n");
+  if (m->rx.bare_seen && config.bare_line_ends == BareLineEnds::REJECT)
+    refuse_rest(conn, m, BARE_REFUSAL, "%p, bare CR or LF in the message, %s not kept\n");
+}
+
+void end_of_data(Connection* conn, Message* m) {
+  if (m->refusal == nullptr && !spool_finish(m->file.get()))
+    refuse_rest(conn, m, STORE_REFUSAL, "%p, Error writing scanfile %s: %m\n");
+  if (m->refusal == nullptr) {
+    finish_data(conn);
+    return;
+  }
+  const char* reply = m->refusal;
+  if (!smtp_reply(conn, reply)) return;
+  dlog(DLOG_SMTP, 4, "%p, response to DATA: %.*s\n", log_ptr(conn),
+       static_cast<int>(strlen(reply) - 2), reply);
+  txn_end_message(conn);
+  smtp_resume(conn);
+}
+
+Message* message_of(Connection* conn) {
+  return conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
 }
 
 }  // namespace
@@ -79,61 +89,61 @@ int smtp_data(const DynString*, Connection* conn) {
     smtp_reply(conn, "501 Mail transaction pending\r\n");
     return conn->closed;
   }
-  if (conn->num_rcpts == 0) {
+  if (conn->txn == nullptr || conn->txn->rcpts.empty()) {
     smtp_reply(conn, "503 Need RCPT\r\n");
     dlog(DLOG_SMTP, 4, "%p response to DATA: 503 Need RCPT\n", log_ptr(conn));
     conn->errors += 1;
     return conn->closed;
   }
-  if (conn->scan_file_name != nullptr) {
-    dstr_free(conn->scan_file_name);
-    conn->scan_file_name = nullptr;
+  Transaction* txn = conn->txn.get();
+  // Every message ends with its final reply; one still here would be a bug,
+  // and its files go before a new one is made.
+  if (txn->msg != nullptr) {
     dlog(DLOG_SMTP, 1, "Weird state. Non-null scan_file_name\n");
-  }
-  char* name = nullptr;
-  xasprintf(&name, "%s/%sXXXXXX", config.scan_dir, config.scan_prefix);
-  conn->scan_file_name = smtp_checked(dstr_from_cstr(name));
-  free(name);
-  if (conn->scan_file != nullptr) {
-    fclose(conn->scan_file);
-    conn->scan_file = nullptr;
-    dlog(DLOG_SMTP, 1, "Weird state. Scan file already open\n");
+    txn_end_message(conn);
   }
 
-  int fd = mkstemp(conn->scan_file_name->data);
+  CharsPtr name;
+  {
+    char* text = nullptr;
+    xasprintf(&text, "%s/%sXXXXXX", config.scan_dir, config.scan_prefix);
+    name.reset(text);
+  }
+  int fd = mkstemp(name.get());
   if (fd < 0) {
-    dlog(DLOG_SMTP, 1, "mkstemp error: %m File %s\n", conn->scan_file_name->data);
+    dlog(DLOG_SMTP, 1, "mkstemp error: %m File %s\n", name.get());
     return refuse_data(conn, "451 Couldn't open temporary file\r\n");
   }
-  dlog(DLOG_SMTP, 9, "smtp_data: scan_file: fd: %d, name: %s\n", fd, conn->scan_file_name->data);
+  dlog(DLOG_SMTP, 9, "smtp_data: scan_file: fd: %d, name: %s\n", fd, name.get());
+  SpoolPtr file(spool_adopt(fd, name.get()));
   if (fchmod(fd, 0660) < 0) {
     dlog(DLOG_SMTP, 1, "Can't chmod scanfile: %m\n");
-    close(fd);
     return refuse_data(conn, "451 Couldn't change temporary file mode\r\n");
   }
-  conn->scan_file = fdopen(fd, "w+");
-  if (conn->scan_file == nullptr) {
-    close(fd);
-    return refuse_data(conn, "451 Couldn't open temporary file\r\n");
-  }
+  auto* m = new (std::nothrow) Message{};
+  if (m == nullptr) fatal_exit("Out of memory: %m\n");
+  txn->msg.reset(m);
+  m->file = std::move(file);
+  m->rx.log_id = conn;
+  m->rx.declared_size = txn->declared_size;
 
   time_t now = comm_current_time();
-  char* date = rfc822_date(&now);
-  char by[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &conn->my_sender_addr.sin_addr, by, sizeof(by));
-  fprintf(conn->scan_file, "Received: from [%s] by [%s] with ESMTP; %s\r\n",
-          inet_ntoa(conn->sender_addr.sin_addr), by, date);
-  free(date);
+  CharsPtr date(rfc822_date(&now));
+  char from[INET_ADDRSTRLEN], by[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &conn->sender_addr.sin_addr, from, sizeof from);
+  inet_ntop(AF_INET, &conn->my_sender_addr.sin_addr, by, sizeof by);
+  char* received = nullptr;
+  int n =
+      xasprintf(&received, "Received: from [%s] by [%s] with ESMTP; %s\r\n", from, by, date.get());
+  m->content.assign(received, static_cast<size_t>(n - 1));
+  free(received);
+  store_content(conn, m);
 
-  conn->newline = true;
-  conn->unstuffed = false;
-  conn->binary_body = false;
-  conn->in_header = true;
-  conn->bytes_received = 0;
   if (!smtp_reply(conn, "354 Send it to me, end with <CRLF>.<CRLF>\r\n")) return 1;
   dlog(DLOG_SMTP, 4, "%p response to DATA: 354 Send it to me.\n", log_ptr(conn));
+  txn->phase = TxnPhase::RECEIVING;
   reset_idle_timer(conn);
-  comm_read(conn->sender_fd, data_handler, conn);
+  smtp_read_sender(conn, data_handler);
   return 1;
 }
 
@@ -141,26 +151,19 @@ void data_handler(int fd, void* data) {
   auto* conn = static_cast<Connection*>(data);
   dlog(DLOG_SMTP, 9, "Inside data_handler\n");
   if (conn == nullptr || conn->closed) return;
+  Message* m = message_of(conn);
+  if (m == nullptr) return;
   reset_idle_timer(conn);
-  bool end_seen = false;
-  // The client that declared SIZE and ends its last text line directly with
-  // ".\r\n": those three bytes are held back until it is clear whether more
-  // follows (they were text) or the socket runs dry (they ended the data).
-  bool ms_pending = false;
 
   for (;;) {
     DynString* piece = command_line;
     piece->length = 0;
     piece->data[0] = '\0';
     errno = 0;
-    if (lstream_readline(piece, conn->sender_stream, '\n', DATA_PIECE_MAX) < 0) {
-      if (ms_pending && errno == EAGAIN) {
-        dlog(DLOG_SMTP, 5, "%p, MS end of data encountered, stop reading data\n", log_ptr(conn));
-        if (!store(conn, "\r\n", 2)) {
-          scan_file_write_failed(conn);
-          return;
-        }
-        finish_data(conn);
+    if (lstream_readline(piece, conn->sender_stream.get(), '\n', DATA_PIECE_MAX) < 0) {
+      if (errno == EAGAIN && dot_decode_idle(&m->rx, &m->content) == DotResult::END) {
+        store_content(conn, m);
+        end_of_data(conn, m);
       } else if (is_transient_errno(errno)) {
         reset_idle_timer(conn);
         comm_read(fd, data_handler, conn);
@@ -176,100 +179,62 @@ void data_handler(int fd, void* data) {
       close_connection(conn);
       return;
     }
-    conn->bytes_received += piece->length;
-
-    if (conn->newline) {
-      if (is_blank(piece)) {
-        conn->in_header = false;
-        dlog(DLOG_SMTP, 9, "End of MIME header\n");
-      }
-      if (static_cast<size_t>(piece->length) == TERMINATOR_LENGTH &&
-          memcmp(piece->data, TERMINATOR, TERMINATOR_LENGTH) == 0) {
-        end_seen = true;
-        dlog(DLOG_SMTP, 9, "%p, normal end of data encountered, done fetching.\n", log_ptr(conn));
-      }
-    }
-    if (conn->in_header && conn->newline) watch_transfer_encoding(conn, piece);
-
-    if (!end_seen && !ms_pending && conn->declared_size > 0 &&
-        conn->bytes_received == conn->declared_size + 3 &&
-        ends_with(piece, TERMINATOR, TERMINATOR_LENGTH)) {
-      dlog(DLOG_SMTP, 9, "%p, MS end of data encountered, continue to read.\n", log_ptr(conn));
-      ms_pending = true;
-      if (!store(conn, piece->data, piece->length - TERMINATOR_LENGTH)) {
-        scan_file_write_failed(conn);
-        return;
-      }
-      continue;
-    }
-    bool at_line_start = conn->newline;
-    conn->newline = piece->data[piece->length - 1] == '\n';
-    if (ms_pending) {
-      dlog(DLOG_SMTP, 9, "%p, Adding stripped .<CR><LF> back to the data stream.\n", log_ptr(conn));
-      ms_pending = false;
-      if (!store(conn, TERMINATOR, TERMINATOR_LENGTH)) {
-        scan_file_write_failed(conn);
-        return;
-      }
-    }
-    if (end_seen) {
-      finish_data(conn);
-      return;
-    }
-
-    // Only a piece that starts a line can carry a stuffing dot: the tail of
-    // a line longer than a piece may begin with ".." as plain text.
-    const char* bytes = piece->data;
-    size_t n = piece->length;
-    if (!conn->binary_body && at_line_start && n >= 2 && bytes[0] == '.' && bytes[1] == '.') {
-      bytes += 1;
-      n -= 1;
-      conn->unstuffed = true;
-    }
-    if (!store(conn, bytes, n)) {
-      scan_file_write_failed(conn);
+    DotResult r =
+        dot_decode_piece(&m->rx, piece->data, static_cast<size_t>(piece->length), &m->content);
+    if (r == DotResult::MORE) check_body(conn, m);
+    store_content(conn, m);
+    if (r == DotResult::END) {
+      end_of_data(conn, m);
       return;
     }
   }
 }
 
 void finish_data(Connection* conn) {
-  fclose(conn->scan_file);
-  conn->scan_file = nullptr;
-  free(conn->msgid);
-  conn->msgid = header_field_value("message-id:", conn->scan_file_name->data);
+  Message* m = message_of(conn);
+  conn->txn->phase = TxnPhase::SCANNING;
+  m->msgid.reset(header_field_value("message-id:", m->file->name.c_str()));
+  const char* msgid = m->msgid.get();
   dlog(DLOG_SMTP, 5, "%p, Start scanning email (msgid=%s)\n", log_ptr(conn),
-       conn->msgid != nullptr ? conn->msgid : "(null)");
-  timer_cancel_slot(&conn->idle_timer);
-  timer_cancel_slot(&conn->scan_timer);
+       msgid != nullptr ? msgid : "(null)");
+  // No idle time-out runs while the message is examined; the sender is not
+  // read until its message has had its final reply.
+  conn->idle_timer.reset();
+  m->scan_timer.reset();
 
   if (config.as_connections == 0) {
     spam_callback(conn, 0);
     return;
   }
-  if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
-  conn->spam_request = nullptr;
-  conn->scan_timer = timer_add(config.scanner_timeout, spam_scan_timeout, conn);
-  conn->spam_request = spam_scan(spam_callback, conn, conn->scan_file_name->data, conn->msgid,
-                                 conn->from != nullptr ? conn->from->data : nullptr,
-                                 config.max_spam_scan_size, config.spam_bypass);
-  dlog(DLOG_SMTP, 7, "New spam request %p for connection %p\n",
-       static_cast<void*>(conn->spam_request), log_ptr(conn));
+  m->spam_request.reset();
+  m->scan_timer.reset(timer_add(config.scanner_timeout, spam_scan_timeout, conn));
+  // The handler may run inside this call (no free connection with bypass)
+  // and end the message; a request is returned only when it has not.
+  AsRequest* request =
+      spam_scan(spam_callback, conn, m->file->name.c_str(), msgid, conn->txn->from->data,
+                config.max_spam_scan_size, config.spam_bypass);
+  if (request != nullptr) m->spam_request.reset(request);
+  dlog(DLOG_SMTP, 7, "New spam request %p for connection %p\n", static_cast<void*>(request),
+       log_ptr(conn));
 }
 
 void av_scan_timeout(void* data) {
   auto* conn = static_cast<Connection*>(data);
   dlog(DLOG_SMTP, 3, "AV scan timed out on connection %p\n", data);
   if (conn == nullptr || conn->closed) return;
-  conn->scan_timer = nullptr;
+  Message* m = message_of(conn);
+  if (m == nullptr) return;
+  m->scan_timer.release();  // it has fired; the timer module frees it
   virus_callback(SCAN_TIMEOUT, conn);
 }
 
 void spam_scan_timeout(void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
+  Message* m = message_of(conn);
+  if (m == nullptr) return;
   dlog(DLOG_SMTP, 3, "Spam scan timed out on connection %p, scan file=%s\n", data,
-       conn->scan_file_name != nullptr ? conn->scan_file_name->data : "(null)");
-  conn->scan_timer = nullptr;
+       m->file->name.c_str());
+  m->scan_timer.release();
   spam_callback(conn, 0);
 }

@@ -53,14 +53,19 @@ void dump_connection(FILE* out, const Connection* c) {
   fprintf(out, "receiver_addr %s ", inet_ntoa(c->receiver_addr.sin_addr));
   fprintf(out, "my_receiver_addr %s ", inet_ntoa(c->my_receiver_addr.sin_addr));
   fprintf(out, "my_sender_addr %s\n", inet_ntoa(c->my_sender_addr.sin_addr));
-  fprintf(out, "num rcpts %d: ", c->num_rcpts);
-  for (const RcptNode* r = c->rcpts; r != nullptr; r = r->next)
-    fprintf(out, "%s ", r->address->data);
+  const Transaction* txn = c->txn.get();
+  const Message* m = txn != nullptr ? txn->msg.get() : nullptr;
+  fprintf(out, "num rcpts %d: ", txn != nullptr ? static_cast<int>(txn->rcpts.size()) : 0);
+  if (txn != nullptr) {
+    for (auto r = txn->rcpts.rbegin(); r != txn->rcpts.rend(); ++r) fprintf(out, "%s ", (*r)->data);
+  }
   fprintf(out, "\n");
-  fprintf(out, "helo domain: %s from %s\n", text_or_nil(c->helo_domain), text_or_nil(c->from));
-  fprintf(out, "scan_file_name %s\n", text_or_nil(c->scan_file_name));
+  fprintf(out, "helo domain: %s from %s\n", text_or_nil(c->helo_domain.get()),
+          text_or_nil(txn != nullptr ? txn->from.get() : nullptr));
+  fprintf(out, "scan_file_name %s\n",
+          m != nullptr && m->file != nullptr ? m->file->name.c_str() : "(nil)");
   fprintf(out, "be_state %d can_relay %d be_pipelining %d newline %d closed %d\n", c->be_state,
-          c->can_relay, c->be_pipelining, c->newline, c->closed);
+          c->can_relay, c->be_pipelining, m != nullptr && m->rx.newline, c->closed);
   fprintf(out, "errors %d \n", c->errors);
 }
 

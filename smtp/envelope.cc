@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "foundation/dlog.h"
 #include "foundation/fatal.h"
@@ -48,11 +49,25 @@ bool find_size(const DynString* line, int64_t* size) {
   return true;
 }
 
+// BODY=8BITMIME among the parameters after the address (a local part may
+// hold any text, so the address itself is not searched).
+bool asks_8bitmime(const DynString* line) {
+  const char* params = static_cast<const char*>(memrchr(line->data, '>', line->length));
+  if (params == nullptr) {
+    params = static_cast<const char*>(memchr(line->data, ':', line->length));
+    if (params == nullptr) return false;
+    for (params++; is_space(*params); params++) {
+    }
+    while (*params != '\0' && !is_space(*params)) params++;
+  }
+  return strcasestr(params, "BODY=8BITMIME") != nullptr;
+}
+
 // A refused MAIL: the reply, the error count, and the envelope dropped.
 int refuse_mail(Connection* conn, const char* reply, const char* log) {
   smtp_reply(conn, reply);
   conn->errors += 1;
-  reset_transaction(conn);
+  txn_end(conn);
   dlog(DLOG_SMTP, 4, "%p: response to MAIL FROM: %s\n", log_ptr(conn), log);
   return conn->closed;
 }
@@ -71,7 +86,7 @@ int smtp_mail(const DynString* line, Connection* conn) {
     smtp_reply(conn, "501 Mail transaction pending\r\n");
     return conn->closed;
   }
-  conn->declared_size = 0;
+  if (conn->txn != nullptr) conn->txn->declared_size = 0;
   dlog(DLOG_SMTP, 9, "mail line: %s", line->data);
 
   // These two refusals leave an earlier envelope as it was.
@@ -88,32 +103,36 @@ int smtp_mail(const DynString* line, Connection* conn) {
     return conn->closed;
   }
 
-  reset_transaction(conn);
+  txn_end(conn);
   if (conn->closed) return 1;
-  conn->from = smtp_checked(dstr_new(100));
-  conn->from_domain = smtp_checked(dstr_new(100));
+  conn->txn.reset(new (std::nothrow) Transaction{});
+  if (conn->txn == nullptr) fatal_exit("Out of memory: %m\n");
+  Transaction* txn = conn->txn.get();
+  txn->from.reset(smtp_checked(dstr_new(100)));
+  txn->from_domain.reset(smtp_checked(dstr_new(100)));
 
   if (empty_after_colon(line)) {
     dlog(DLOG_SMTP, 9, "empty MAIL FROM field\n");
-  } else if (addr_parse(line, conn->from_domain, conn->from) != 0) {
+  } else if (addr_parse(line, txn->from_domain.get(), txn->from.get()) != 0) {
     return refuse_mail(conn, "552 Invalid path\r\n", "552 Invalid path");
   }
 
   if (!config.allow_null_sender) {
-    if (conn->from->length == 0) return refuse_mail(conn, "552 Null sender\r\n", "552 Null sender");
-    if (conn->from_domain->length == 0)
+    if (txn->from->length == 0) return refuse_mail(conn, "552 Null sender\r\n", "552 Null sender");
+    if (txn->from_domain->length == 0)
       return refuse_mail(conn, "552 Missing domain\r\n", "552 Missing domain");
   }
 
-  if (find_size(line, &conn->declared_size)) {
+  if (find_size(line, &txn->declared_size)) {
     dlog(DLOG_SMTP, 9, "%p, MAIL FROM has SIZE=%lld parameter\n", log_ptr(conn),
-         static_cast<long long>(conn->declared_size));
-    if (conn->declared_size > config.max_msg_size) {
+         static_cast<long long>(txn->declared_size));
+    if (txn->declared_size > config.max_msg_size) {
       return refuse_mail(conn, "552 Message size exceeds fixed maximum message size\r\n",
                          "552 Message size exceeds fixed maximum message size");
     }
   }
 
+  txn->body_8bitmime = asks_8bitmime(line);
   smtp_reply(conn, "250 OK\r\n");
   dlog(DLOG_SMTP, 4, "%p, response to MAIL FROM: 250 OK\n", log_ptr(conn));
   return conn->closed;
@@ -130,11 +149,11 @@ int smtp_rcpt(const DynString* line, Connection* conn) {
 
   if (!begins_with(line, "rcpt to:"))
     return refuse_rcpt(conn, "500 malformed rcpt command\r\n", "500 malformed rcpt command");
-  if (conn->from == nullptr)
+  if (conn->txn == nullptr)
     return refuse_rcpt(conn, "503 Need MAIL before RCPT\r\n", "503 Need MAIL before RCPT");
   // Checked before the address, so the limit holds even for recipients that
   // relay control would refuse anyway.
-  if (conn->num_rcpts >= config.max_rcpt)
+  if (conn->txn->rcpts.size() >= static_cast<size_t>(config.max_rcpt))
     return refuse_rcpt(conn, "550 Too many recipients\r\n", "550 Too many recipients");
   if (addr_parse(line, rcpt_domain, rcpt_address) != 0)
     return refuse_rcpt(conn, "552 Invalid path\r\n", "552 Invalid path");
@@ -153,23 +172,10 @@ int smtp_rcpt(const DynString* line, Connection* conn) {
   return conn->closed;
 }
 
-namespace {
-
-void push_address(RcptNode** head, int* count, DynString* address) {
-  auto* node = static_cast<RcptNode*>(malloc(sizeof(RcptNode)));
-  if (node == nullptr) fatal_exit("Out of memory: %m\n");
-  node->next = *head;
-  node->address = address;
-  *head = node;
-  *count += 1;
-}
-
-}  // namespace
-
 void add_rcpt(Connection* conn, DynString* address) {
-  push_address(&conn->rcpts, &conn->num_rcpts, address);
+  conn->txn->rcpts.emplace_back(address);
 }
 
 void add_failed_rcpt(Connection* conn, DynString* address) {
-  push_address(&conn->failed_rcpts, &conn->num_failed_rcpts, address);
+  conn->txn->failed_rcpts.emplace_back(address);
 }

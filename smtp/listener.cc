@@ -8,12 +8,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "foundation/dlog.h"
 #include "foundation/dump.h"
 #include "foundation/fatal.h"
-#include "scan/spam.h"
-#include "scan/vscan.h"
 #include "smtp/address.h"
 #include "smtp/backend.h"
 #include "smtp/config.h"
@@ -32,26 +31,6 @@ namespace {
 // Only the first refusal of the process leaves a dump: later ones would
 // overwrite the picture of the moment the limit was first reached.
 bool dump_on_refusal = true;
-
-void free_rcpt_list(RcptNode** head) {
-  for (RcptNode* node = *head; node != nullptr;) {
-    RcptNode* next = node->next;
-    dstr_free(node->address);
-    free(node);
-    node = next;
-  }
-  *head = nullptr;
-}
-
-void free_string(DynString** s) {
-  dstr_free(*s);
-  *s = nullptr;
-}
-
-void free_cstring(char** s) {
-  free(*s);
-  *s = nullptr;
-}
 
 void arm_accept() {
   if (accept_handle == nullptr && listen_fd >= 0 && num_connections < config.max_connections)
@@ -103,8 +82,20 @@ bool smtp_reply(Connection* conn, const char* text) {
 
 bool smtp_reply_and_resume(Connection* conn, const char* text) {
   if (!smtp_reply(conn, text) || conn->closed) return false;
-  comm_read(conn->sender_fd, command_handler, conn);
+  smtp_resume(conn);
   return true;
+}
+
+void smtp_read_sender(Connection* conn, IoHandler handler) {
+  if (conn->closed || conn->sender_fd < 0) return;
+  if (conn->sender_stream != nullptr && conn->sender_stream->buffer->length > 0)
+    comm_read_now(conn->sender_fd, handler, conn);
+  else
+    comm_read(conn->sender_fd, handler, conn);
+}
+
+void smtp_resume(Connection* conn) {
+  smtp_read_sender(conn, command_handler);
 }
 
 void smtp_init_listener() {
@@ -162,7 +153,7 @@ void smtp_start_session(Connection* conn) {
     return;
   }
   conn->can_relay = relay_check(ntohl(conn->sender_addr.sin_addr.s_addr));
-  conn->sender_stream = lstream_open(fd, read, SENDER_READ_SIZE);
+  conn->sender_stream.reset(lstream_open(fd, read, SENDER_READ_SIZE));
   if (conn->sender_stream == nullptr) {
     dlog(DLOG_SMTP, 1, "Can not open sender stream: %m\n");
     close_connection(conn);
@@ -172,15 +163,13 @@ void smtp_start_session(Connection* conn) {
 }
 
 Connection* new_connection() {
-  auto* conn = static_cast<Connection*>(calloc(1, sizeof(Connection)));
+  auto* conn = new (std::nothrow) Connection{};
   if (conn == nullptr) {
+    errno = ENOMEM;
     dlog(DLOG_SMTP, 1, "Cannot create new connection: %m\n");
     return nullptr;
   }
   dlog(DLOG_SMTP, 5, "New connection %p\n", static_cast<void*>(conn));
-  conn->sender_fd = -1;
-  conn->receiver_fd = -1;
-  conn->prev = nullptr;
   conn->next = active_connections;
   if (active_connections != nullptr) active_connections->prev = conn;
   active_connections = conn;
@@ -195,10 +184,11 @@ void close_connection(Connection* conn) {
   dlog(DLOG_SMTP, 5, "Closing connection %p\n", static_cast<void*>(conn));
 
   close_backend(conn);
-  free_cstring(&conn->auth_user);
-  free_cstring(&conn->auth_pass);
-  if (conn->sender_stream != nullptr) lstream_close(nullptr, conn->sender_stream);
-  conn->sender_stream = nullptr;
+  // The transaction's files, scan requests and timer go with it.
+  conn->txn.reset();
+  conn->auth_user.reset();
+  conn->auth_pass.reset();
+  conn->sender_stream.reset();
   if (conn->sender_fd != -1) {
     // Queued replies are dropped silently: their handlers would only try to
     // close this connection again.
@@ -207,17 +197,8 @@ void close_connection(Connection* conn) {
     close(conn->sender_fd);
     conn->sender_fd = -1;
   }
-  timer_cancel_slot(&conn->idle_timer);
-
-  free_cstring(&conn->msgid);
-  free_string(&conn->helo_domain);
-  free_string(&conn->from);
-  free_string(&conn->from_domain);
-  conn->rcpt_cursor = nullptr;
-  free_rcpt_list(&conn->rcpts);
-  conn->num_rcpts = 0;
-  free_rcpt_list(&conn->failed_rcpts);
-  conn->num_failed_rcpts = 0;
+  conn->idle_timer.reset();
+  conn->helo_domain.reset();
 
   if (conn->prev != nullptr) conn->prev->next = conn->next;
   if (conn->next != nullptr) conn->next->prev = conn->prev;
@@ -234,36 +215,30 @@ void free_closed_connections() {
   while (closed_connections != nullptr) {
     Connection* conn = closed_connections;
     closed_connections = conn->next;
-    free(conn);
+    delete conn;
   }
 }
 
 void reset_idle_timer(Connection* conn) {
   if (conn == nullptr || conn->closed || config.idle_timeout <= 0) return;
   if (conn->idle_timer == nullptr)
-    conn->idle_timer = timer_add(config.idle_timeout, idle_timeout_handler, conn);
+    conn->idle_timer.reset(timer_add(config.idle_timeout, idle_timeout_handler, conn));
   else
-    timer_reschedule(config.idle_timeout, conn->idle_timer);
+    timer_reschedule(config.idle_timeout, conn->idle_timer.get());
 }
 
-void reset_transaction(Connection* conn) {
-  free_string(&conn->from);
-  free_string(&conn->from_domain);
-  conn->num_rcpts = 0;
-  conn->num_failed_rcpts = 0;
-  conn->scan_result = 0;
-  timer_cancel_slot(&conn->scan_timer);
-  if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
-  conn->spam_request = nullptr;
-  vscan_cancel(conn->vs_request);
-  conn->vs_request = nullptr;
-  conn->rcpt_cursor = nullptr;
-  free_rcpt_list(&conn->rcpts);
-  free_rcpt_list(&conn->failed_rcpts);
-  if (conn->scan_file != nullptr) fclose(conn->scan_file);
-  conn->scan_file = nullptr;
-  if (conn->scan_file_name != nullptr) unlink(conn->scan_file_name->data);
-  free_string(&conn->scan_file_name);
+void txn_end(Connection* conn) {
+  conn->txn.reset();
+}
+
+void txn_end_message(Connection* conn) {
+  if (conn->txn == nullptr) return;
+  conn->txn->msg.reset();
+  conn->txn->phase = TxnPhase::ENVELOPE;
+}
+
+TxnPhase txn_phase(const Connection* conn) {
+  return conn->txn != nullptr ? conn->txn->phase : TxnPhase::ENVELOPE;
 }
 
 void sender_write_callback(int, int status, void* data) {
@@ -280,6 +255,6 @@ void idle_timeout_handler(void* data) {
   dlog(DLOG_SMTP, 1, "Idle timeout. Closing connection. sender=%s(%d), receiver=%s(%d)\n",
        Dotted(conn->sender_addr).text, port_of(conn->sender_addr), Dotted(conn->receiver_addr).text,
        port_of(conn->receiver_addr));
-  conn->idle_timer = nullptr;  // it has fired; the timer module frees it
+  conn->idle_timer.release();  // it has fired; the timer module frees it
   close_connection(conn);
 }

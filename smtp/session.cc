@@ -26,21 +26,20 @@ int hello(const DynString* line, Connection* conn, bool ehlo) {
          ehlo ? "%p, response to EHLO: 501 EHLO requires a domain address\n"
               : "%p, response to HELO: 501 HELO requires a domain address\n",
          log_ptr(conn));
-    if (ehlo && !conn->closed) reset_transaction(conn);
+    if (ehlo && !conn->closed) txn_end(conn);
     return conn->closed;
   }
 
-  dstr_free(conn->helo_domain);
-  conn->helo_domain = nullptr;
+  conn->helo_domain.reset();
   for (int i = 1; i < words->count; ++i) {
     if (words->entries[i]->length == 0) {
       dlog(DLOG_SMTP, 9, ehlo ? "Ignoring whitespace in EHLO\n" : "Ignoring whitespace in HELO\n");
       continue;
     }
-    conn->helo_domain = smtp_checked(dstr_copy(words->entries[i]));
+    conn->helo_domain.reset(smtp_checked(dstr_copy(words->entries[i])));
     break;
   }
-  reset_transaction(conn);
+  txn_end(conn);
 
   if (conn->helo_domain != nullptr) {
     const char* response = ehlo ? config.ehlo_response : config.helo_response;
@@ -56,7 +55,7 @@ int hello(const DynString* line, Connection* conn, bool ehlo) {
   }
   dlog(DLOG_SMTP, 9, ehlo ? "EHLO domain is null.\n" : "HELO domain is null.\n");
   smtp_reply(conn, missing_reply);
-  if (ehlo && !conn->closed) reset_transaction(conn);
+  if (ehlo && !conn->closed) txn_end(conn);
   return conn->closed;
 }
 
@@ -97,7 +96,7 @@ int smtp_ehlo(const DynString* line, Connection* conn) {
 }
 
 int smtp_rset(const DynString* line, Connection* conn) {
-  timer_cancel_slot(&conn->noop_timer);
+  conn->noop_timer.reset();
   dlog(DLOG_SMTP, 9, "rset line: %s", line->data);
   if (conn->transaction_pending) {
     smtp_reply(conn, "501 Mail transaction pending\r\n");
@@ -116,7 +115,7 @@ int smtp_rset(const DynString* line, Connection* conn) {
     comm_read(conn->receiver_fd, response_handler, conn);
     return 1;
   }
-  reset_transaction(conn);
+  txn_end(conn);
   dlog(DLOG_SMTP, 4, "%p, response to RSET: %s\n", log_ptr(conn), "250 OK\r\n");
   smtp_reply(conn, "250 OK\r\n");
   return conn->closed;

@@ -11,66 +11,50 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 
 #include "event/comm.h"
 #include "event/timer.h"
 #include "foundation/dstr.h"
 #include "foundation/lstream.h"
+#include "foundation/text.h"
+#include "smtp/txn.h"
 
-struct VscanRequest;
-struct AsRequest;
-
-// One recipient address; the node owns its string.
-struct RcptNode {
-  RcptNode* next;
-  DynString* address;
+struct RelaySend;  // the message on its way to the backend (smtp/backend.cc)
+struct RelaySendFree {
+  void operator()(RelaySend* r) const noexcept;
 };
 
-// Allocated zero-filled by new_connection; closed by close_connection.
+// Made by new_connection; closed by close_connection, which lets go of
+// everything the record owns; freed between poll passes.
 struct Connection {
-  Connection* next;  // in active_connections or closed_connections
-  Connection* prev;  // null at the head and in closed_connections
-  int sender_fd;     // -1 when none
-  CommConnect* be_connect;
-  int receiver_fd;               // backend socket; -1 when none
-  sockaddr_in sender_addr;       // the sender's peer address
-  sockaddr_in receiver_addr;     // where the sender meant to go (the backend)
-  sockaddr_in my_receiver_addr;  // our end of the backend connection
-  sockaddr_in my_sender_addr;    // our end of the sender connection
-  int num_rcpts;
-  int num_failed_rcpts;
-  RcptNode* rcpts;        // newest first
-  RcptNode* rcpt_cursor;  // the recipient the backend is answering; not owned
-  RcptNode* failed_rcpts;
-  DynString* helo_domain;  // null until HELO/EHLO named a domain
-  DynString* from;         // null before MAIL; empty for the null sender
-  DynString* from_domain;
-  int errors;  // sender errors counted against max_errors
-  LineStream* receiver_stream;
-  LineStream* sender_stream;
-  Timer* idle_timer;
-  Timer* scan_timer;
-  Timer* noop_timer;
-  DynString* scan_file_name;
-  FILE* scan_file;
-  int be_state;
-  bool can_relay;
-  bool be_pipelining;
-  int noops_pending;  // keep-alive NOOPs whose reply has not come yet
-  bool newline;
-  bool closed;  // set once, on entry to close_connection
-  bool unstuffed;
-  VscanRequest* vs_request;
-  AsRequest* spam_request;
-  char* auth_user;  // base64 lines as received, with their line end
-  char* auth_pass;
-  char* msgid;
-  int scan_result;
-  bool transaction_pending;  // a backend connection is being opened for a message
-  int64_t declared_size;     // SIZE= of MAIL FROM; 0 when none
-  int64_t bytes_received;
-  bool in_header;
-  bool binary_body;
+  Connection* next = nullptr;  // in active_connections or closed_connections
+  Connection* prev = nullptr;  // null at the head and in closed_connections
+  int sender_fd = -1;
+  CommConnect* be_connect = nullptr;
+  int receiver_fd = -1;            // backend socket; -1 when none
+  sockaddr_in sender_addr{};       // the sender's peer address
+  sockaddr_in receiver_addr{};     // where the sender meant to go (the backend)
+  sockaddr_in my_receiver_addr{};  // our end of the backend connection
+  sockaddr_in my_sender_addr{};    // our end of the sender connection
+  DstrPtr helo_domain;             // null until HELO/EHLO named a domain
+  int errors = 0;                  // sender errors counted against max_errors
+  LstreamPtr receiver_stream;
+  LstreamPtr sender_stream;
+  TimerPtr idle_timer;
+  TimerPtr noop_timer;
+  int be_state = 0;
+  bool can_relay = false;
+  bool be_pipelining = false;
+  bool be_8bitmime = false;  // the backend announced 8BITMIME
+  int noops_pending = 0;     // keep-alive NOOPs whose reply has not come yet
+  bool closed = false;       // set once, on entry to close_connection
+  CharsPtr auth_user;        // base64 lines as received, with their line end
+  CharsPtr auth_pass;
+  bool transaction_pending = false;  // a backend connection is being opened for a message
+  std::unique_ptr<Transaction> txn;  // from MAIL FROM to the end of the envelope
+  std::unique_ptr<RelaySend, RelaySendFree> relay;
 };
 
 extern Connection* active_connections;  // newest first
@@ -111,9 +95,15 @@ Connection* new_connection();
 void close_connection(Connection* conn);
 void free_closed_connections();
 void reset_idle_timer(Connection* conn);
-// Drops the envelope and the scan state; HELO domain, relay right, AUTH and
-// the error count survive.
-void reset_transaction(Connection* conn);
+// Ends the transaction, envelope and message: files deleted, scan requests
+// and the scan timer cancelled. HELO domain, relay right, AUTH and the error
+// count survive.
+void txn_end(Connection* conn);
+// Ends the message of the transaction and keeps its envelope, so the sender
+// may send DATA again: after a refusal, a drop or a failure.
+void txn_end_message(Connection* conn);
+// The transaction's phase; ENVELOPE when there is none.
+TxnPhase txn_phase(const Connection* conn);
 // Completion handler of every reply to the sender; data is the Connection.
 void sender_write_callback(int fd, int status, void* data);
 void idle_timeout_handler(void* data);
@@ -146,6 +136,12 @@ bool smtp_reply(Connection* conn, const char* text);
 // answer that ends a transaction but not the connection. False when the
 // connection is closed.
 bool smtp_reply_and_resume(Connection* conn, const char* text);
+// Hands the sender's descriptor to handler. Input the stream already holds
+// (pipelined behind the last line) is handled in the next loop pass, since
+// the kernel will not announce it again.
+void smtp_read_sender(Connection* conn, IoHandler handler);
+// The sender's commands are read again: after a message's final reply.
+void smtp_resume(Connection* conn);
 
 // --- Command reader (smtp/commands.cc) ---
 
@@ -178,7 +174,7 @@ void quit_callback(int fd, int status, void* data);
 // --- Envelope commands (smtp/envelope.cc) ---
 int smtp_mail(const DynString* line, Connection* conn);
 int smtp_rcpt(const DynString* line, Connection* conn);
-// Both take ownership of address and push it at the head of their list.
+// Both take ownership of address and add it to their list.
 void add_rcpt(Connection* conn, DynString* address);
 void add_failed_rcpt(Connection* conn, DynString* address);
 
@@ -186,8 +182,9 @@ void add_failed_rcpt(Connection* conn, DynString* address);
 int smtp_data(const DynString* line, Connection* conn);
 // Read handler of sender_fd during DATA; data is the Connection.
 void data_handler(int fd, void* data);
-// End of data: closes the scan file, reads the Message-ID and starts the
-// spam check (or goes straight to the verdicts without an anti-spam pool).
+// End of data: the scan file is complete; reads the Message-ID and starts
+// the spam check (or goes straight to the verdicts without an anti-spam
+// pool).
 void finish_data(Connection* conn);
 // Timer handlers of scan_timer; data is the Connection.
 void av_scan_timeout(void* data);

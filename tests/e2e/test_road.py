@@ -195,8 +195,10 @@ class DisconnectTest(RoadCase):
         held = BODY.replace(b"<m1@road.test>", b"<hold>")
         leave(held + b".\r\n", "vscan_cancel num 1",
               lambda: self.virus.wait_for(lambda v: v.requests), release=gate.set)
-        leave(BODY + b".\r\n", "Closing connection", lambda: self.relayed(1), count=3)
-        hold.set()
+        # A sender is not read while its message is relayed: its leaving is
+        # noticed once the backend has answered (here by hanging up).
+        leave(BODY + b".\r\n", "Closing connection", lambda: self.relayed(1), count=3,
+              release=hold.set)
         self.assertLessEqual(self.bed.daemon.quiet_fd_count(), base)
 
 

@@ -1,11 +1,12 @@
 #include "scan/dsn.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
 #include <filesystem>
 
-#include "smtp/config.h"
+#include "event/comm.h"
 #include "tests/foundation/test_util.h"
 
 namespace {
@@ -21,18 +22,15 @@ const std::string kNode = [] {
 // s@example.org's message (scan bytes), with fresh spool directories.
 struct Spool {
   TempDir temp, local, work;
-  Connection conn{};
+  DsnMessage note{nullptr, "s@example.org", {}, -1};
+  DsnSettings settings{"local.domain", temp.path.c_str(), local.path.c_str(), 20971520};
   explicit Spool(const std::string& scan) {
-    config_set_string(&config.mailer_temp_dir, temp.path.c_str());
-    config_set_string(&config.mailer_local_dir, local.path.c_str());
-    conn.from = dstr_from_cstr("s@example.org");
-    conn.scan_file_name = dstr_from_cstr(work.write("scan", scan).c_str());
-    conn.scan_file = fopen(conn.scan_file_name->data, "r");
+    note.message_fd = open(work.write("scan", scan).c_str(), O_RDONLY);
   }
-  ~Spool() {
-    reset_transaction(&conn);
-    config_reset();
-  }
+  ~Spool() { close(note.message_fd); }
+  // Refused after those already listed: the list is newest first.
+  void refuse(const char* address) { note.refused.insert(note.refused.begin(), address); }
+  void send() { send_dsn(note, settings); }
   // The one file in the local spool; "" when there is none.
   std::string delivered() {
     std::filesystem::directory_iterator it(local.path);
@@ -67,13 +65,13 @@ TEST(SendDsn, RefusedNewestFirstAndMessageOnlyBelowTheLimit) {
     Spool spool(scan);
     std::string list, status;
     for (const char* r : refused) {
-      add_failed_rcpt(&spool.conn, dstr_from_cstr(r));
+      spool.refuse(r);
       list = " "s + r + "\r\n" + list;
       status =
           "Final-Recipient: rfc822;"s + r + "\r\nAction: failed\r\nStatus: 5.1.0\r\n\r\n" + status;
     }
-    config.max_msg_size = static_cast<long long>(scan.size()) + over;
-    EXPECT_TRUE(contains(logged([&] { send_dsn(&spool.conn); }), log)) << label;
+    spool.settings.max_msg_size = static_cast<long long>(scan.size()) + over;
+    EXPECT_TRUE(contains(logged([&] { spool.send(); }), log)) << label;
     std::string name = spool.delivered();
     std::string part = "--" + b + "\r\nContent-Type: message/rfc822\r\n\r\n" + scan;
     EXPECT_EQ(slurp(spool.local.file(name)),
@@ -96,19 +94,20 @@ TEST(SendDsn, RefusedNewestFirstAndMessageOnlyBelowTheLimit) {
 
 TEST(SendDsn, NumbersWrapAfter256AndFailuresUseNone) {
   Spool spool("m\r\n");
-  add_failed_rcpt(&spool.conn, dstr_from_cstr("a@x"));
+  spool.refuse("a@x");
   std::string last;  // the number runs on from earlier tests
   for (int i = 0; i < 257 && last != name_for(256); i++) {
-    send_dsn(&spool.conn);
+    spool.send();
     last = spool.delivered();
     unlink(spool.local.file(last).c_str());
   }
   ASSERT_EQ(last, name_for(256));
-  config_set_string(&config.mailer_temp_dir, spool.work.file("none").c_str());
-  EXPECT_TRUE(contains(logged([&] { send_dsn(&spool.conn); }), "send_dsn: cannot open mail file "));
+  std::string none = spool.work.file("none");
+  spool.settings.temp_dir = none.c_str();
+  EXPECT_TRUE(contains(logged([&] { spool.send(); }), "send_dsn: cannot open mail file "));
   EXPECT_EQ(spool.delivered(), "");
-  config_set_string(&config.mailer_temp_dir, spool.temp.path.c_str());
-  send_dsn(&spool.conn);
+  spool.settings.temp_dir = spool.temp.path.c_str();
+  spool.send();
   EXPECT_EQ(spool.delivered(), name_for(1));
   EXPECT_TRUE(std::filesystem::is_empty(spool.temp.path));
 }

@@ -2,12 +2,13 @@
 // comes first; spam to be refused never reaches the virus scanner. The virus
 // verdict is read through an ordered table: the first matching row refuses or
 // drops the message, and a message no row stops is tagged and relayed.
-#include "scan/verdict.h"
+#include "smtp/verdict.h"
 
 #include <arpa/inet.h>
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
 
 #include "foundation/dlog.h"
 #include "foundation/text.h"
@@ -19,17 +20,24 @@
 
 namespace {
 
-// The sender hears the refusal and may go on with its next transaction; the
-// envelope and scan file stay until then.
-// A reply that cannot be written has closed the connection (smtp_reply).
+Message* message_of(Connection* conn) {
+  return conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
+}
+
+// The sender hears the refusal and may go on with its next transaction. A
+// reply that cannot be written has closed the connection (smtp_reply).
 void refuse(Connection* conn, const char* reply, const char* log_after = nullptr) {
-  if (smtp_reply_and_resume(conn, reply) && log_after != nullptr)
-    dlog(DLOG_SMTP, 4, log_after, log_ptr(conn));
+  if (!smtp_reply(conn, reply)) return;
+  if (log_after != nullptr) dlog(DLOG_SMTP, 4, log_after, log_ptr(conn));
+  txn_end_message(conn);
+  smtp_resume(conn);
 }
 
 void drop(Connection* conn) {
   reply_discard_ok(conn);
-  if (!conn->closed) comm_read(conn->sender_fd, command_handler, conn);
+  if (conn->closed) return;
+  txn_end_message(conn);
+  smtp_resume(conn);
 }
 
 // One row of the virus verdict table. A row whose setting is off (block is
@@ -69,9 +77,9 @@ const std::array<VirusRow, 6> VIRUS_ROWS{{
 }};
 
 // True when a row stopped the message.
-bool apply_virus_rows(Connection* conn) {
+bool apply_virus_rows(Connection* conn, int scan_result) {
   for (const VirusRow& row : VIRUS_ROWS) {
-    if ((conn->scan_result & row.bits) == 0) continue;
+    if ((scan_result & row.bits) == 0) continue;
     if (row.block != nullptr && !*row.block) continue;
     if (row.discard != nullptr && *row.discard) {
       dlog(DLOG_SMTP, 4, row.discard_log, log_ptr(conn));
@@ -98,17 +106,34 @@ const char* spam_tag_for(int scan_result) {
 // The backend is connected and idle: the new message starts at MAIL FROM.
 void reuse_backend(Connection* conn) {
   dlog(DLOG_SMTP, 9, "backend already connected\n");
-  timer_cancel_slot(&conn->noop_timer);
-  const char* from = conn->from != nullptr ? conn->from->data : "";
-  char* command = nullptr;
-  int n = xasprintf(&command, "MAIL FROM:<%s>\r\n", from);
-  // xasprintf counts the NUL, which must not reach the backend.
-  if (comm_write(conn->receiver_fd, command, n - 1, generic_be_write_callback, conn, free) != 0) {
+  conn->noop_timer.reset();
+  CharsPtr command(be_mail_command(conn));
+  int n = static_cast<int>(strlen(command.get()));
+  if (comm_write(conn->receiver_fd, command.release(), n, generic_be_write_callback, conn, free) !=
+      0) {
     close_connection(conn);
     return;
   }
   conn->be_state = BE_MAIL;
-  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", log_ptr(conn), from);
+  dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", log_ptr(conn),
+       conn->txn->from->data);
+}
+
+// The Subject tag goes into a copy renamed over the scan file, so the file
+// is opened again. False when the message was refused instead.
+bool tag_subject(Connection* conn, Message* m, const char* tag) {
+  if (rfc822_tag("subject:", tag, m->file->name.c_str()) < 0) {
+    dlog(DLOG_SMTP, 1, "%p, cannot tag the subject of %s\n", log_ptr(conn), m->file->name.c_str());
+    refuse(conn, "451 Internal Error\r\n", "%p, vscan response: 451 Internal Error\n");
+    return false;
+  }
+  if (!spool_reopen(m->file.get())) {
+    dlog(DLOG_SMTP, 1, "virus_callback: cannot open scan file. %m\n");
+    refuse(conn, "451 Couldn't open temporary file\r\n",
+           "%p, vscan response: 451 Couldn't open temporary file\n");
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -117,23 +142,28 @@ void reply_discard_ok(Connection* conn) {
   smtp_reply(conn, "250 OK\r\n");
 }
 
+void refuse_message(Connection* conn, const char* reply) {
+  refuse(conn, reply);
+}
+
 void spam_callback(void* data, int result) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
+  Message* m = message_of(conn);
+  if (m == nullptr) return;
   dlog(DLOG_SMTP, 4, "%p, spam_callback r = %#x\n", data, result);
-  timer_cancel_slot(&conn->scan_timer);
-  if (conn->spam_request != nullptr) spam_cancel(conn->spam_request);
-  conn->spam_request = nullptr;
+  m->scan_timer.reset();
+  m->spam_request.reset();
 
   switch (result) {
     case 0:
       dlog(DLOG_SMTP, 9, "Normal scan result.\n");
       break;
     case 1:
-      conn->scan_result |= SCAN_SPAM_TAG;
+      m->scan_result |= SCAN_SPAM_TAG;
       break;
     case 2:
-      conn->scan_result |= SCAN_SPAM_PLUS_TAG;
+      m->scan_result |= SCAN_SPAM_PLUS_TAG;
       break;
     case 3:
       if (config.discard_spam) {
@@ -150,42 +180,37 @@ void spam_callback(void* data, int result) {
     virus_callback(0, conn);
     return;
   }
-  if (conn->vs_request != nullptr) vscan_cancel(conn->vs_request);
-  conn->vs_request = nullptr;
-  conn->scan_timer = timer_add(config.scanner_timeout, av_scan_timeout, conn);
+  m->vs_request.reset();
+  m->scan_timer.reset(timer_add(config.scanner_timeout, av_scan_timeout, conn));
   // With the scanner down and bypass on, virus_callback runs inside this call
-  // and may already have relayed, refused or closed.
-  VscanRequest* request = virus_scan(conn->scan_file_name->data, conn->sender_addr.sin_addr.s_addr,
-                                     conn->receiver_addr.sin_addr.s_addr, conn->msgid, 1,
+  // and may already have relayed, refused or closed: m is touched again only
+  // when a request came back, which means it has not run.
+  VscanRequest* request = virus_scan(m->file->name.c_str(), conn->sender_addr.sin_addr.s_addr,
+                                     conn->receiver_addr.sin_addr.s_addr, m->msgid.get(), 1,
                                      virus_callback, conn, config.vscan_bypass);
-  if (request != nullptr) conn->vs_request = request;
+  if (request != nullptr) m->vs_request.reset(request);
   dlog(DLOG_SMTP, 7, "New vscan request %p for connection %p\n", static_cast<void*>(request), data);
 }
 
 void virus_callback(int result, void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
+  Message* m = message_of(conn);
+  if (m == nullptr) return;
   dlog(DLOG_SMTP, 4, "%p, virus_callback r = %#x\n", data, result);
-  timer_cancel_slot(&conn->scan_timer);
-  if (conn->vs_request != nullptr) vscan_cancel(conn->vs_request);
-  conn->vs_request = nullptr;
-  conn->scan_result |= result;
+  m->scan_timer.reset();
+  m->vs_request.reset();
+  m->scan_result |= result;
 
-  if (apply_virus_rows(conn)) return;
+  if (apply_virus_rows(conn, m->scan_result)) return;
 
-  const char* tag = spam_tag_for(conn->scan_result);
-  if (tag != nullptr) rfc822_tag("subject:", tag, conn->scan_file_name->data);
-
-  conn->scan_file = fopen(conn->scan_file_name->data, "a+");
-  if (conn->scan_file == nullptr) {
-    dlog(DLOG_SMTP, 1, "virus_callback: cannot open scan file. %m\n");
-    refuse(conn, "451 Couldn't open temporary file\r\n",
-           "%p, vscan response: 451 Couldn't open temporary file\n");
-    return;
-  }
+  const char* tag = spam_tag_for(m->scan_result);
+  if (tag != nullptr && !tag_subject(conn, m, tag)) return;
 
   dlog(DLOG_SMTP, 7, "%p, ready to start backend\n", data);
-  comm_read(conn->sender_fd, command_handler, conn);
+  // From here the backend dialogue gives the sender its final answer; the
+  // sender stays unread until then.
+  conn->txn->phase = TxnPhase::RELAYING;
   reset_idle_timer(conn);
   if (conn->receiver_fd == -1) {
     backend_start(conn);

@@ -5,7 +5,7 @@
 
 #include "smtp/smtp.h"
 
-// Bits of Connection::scan_result.
+// Bits of Message::scan_result.
 constexpr int SCAN_VIRUS_SIGNATURE = 0x2;
 constexpr int SCAN_TIMEOUT = 0x4;
 constexpr int SCAN_VIRUS_VPS = 0x8;
@@ -23,3 +23,6 @@ void spam_callback(void* data, int result);
 void virus_callback(int result, void* data);
 // "250 OK" for a silently dropped message; a failed write closes conn.
 void reply_discard_ok(Connection* conn);
+// The reply that ends a message without relaying it: the message's files go,
+// its envelope stays, and the sender's commands are read again.
+void refuse_message(Connection* conn, const char* reply);

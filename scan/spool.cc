@@ -1,0 +1,83 @@
+#include "scan/spool.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+#include "foundation/fatal.h"
+
+namespace {
+
+// A 64 KiB buffer turns a large body into few writes without holding much
+// per connection.
+constexpr size_t SPOOL_BUFFER = 65536;
+
+bool write_all(SpoolFile* f, const char* p, size_t n) {
+  while (n > 0) {
+    ssize_t w = write(f->fd, p, n);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) {
+      if (w == 0) errno = ENOSPC;
+      f->failed = true;
+      return false;
+    }
+    p += w;
+    n -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+bool flush(SpoolFile* f) {
+  if (f->failed) return false;
+  bool ok = write_all(f, f->pending.data(), f->pending.size());
+  f->pending.clear();
+  return ok;
+}
+
+}  // namespace
+
+SpoolFile* spool_adopt(int fd, const char* name) {
+  auto* f = new (std::nothrow) SpoolFile{};
+  if (f == nullptr) fatal_exit("Out of memory: %m\n");
+  f->fd = fd;
+  f->name = name;
+  return f;
+}
+
+bool spool_write(SpoolFile* f, const char* bytes, size_t n) {
+  if (f->failed) return false;
+  f->size += static_cast<int64_t>(n);
+  if (f->pending.size() + n < SPOOL_BUFFER) {
+    f->pending.append(bytes, n);
+    return true;
+  }
+  return flush(f) && write_all(f, bytes, n);
+}
+
+bool spool_finish(SpoolFile* f) {
+  if (!flush(f)) return false;
+  // Some file systems (NFS among them) report a failed write only when a
+  // descriptor is closed. Closing a duplicate asks for that report and keeps
+  // the file open for the scanners and the relay.
+  int copy = dup(f->fd);
+  if (copy < 0 || close(copy) != 0) {
+    f->failed = true;
+    return false;
+  }
+  return true;
+}
+
+bool spool_reopen(SpoolFile* f) {
+  if (f->fd >= 0) close(f->fd);
+  f->fd = open(f->name.c_str(), O_RDONLY | O_CLOEXEC);
+  return f->fd >= 0;
+}
+
+void spool_free(SpoolFile* f) {
+  if (f == nullptr) return;
+  if (f->fd >= 0) close(f->fd);
+  if (!f->name.empty()) unlink(f->name.c_str());
+  delete f;
+}
