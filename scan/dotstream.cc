@@ -82,10 +82,7 @@ DotResult dot_decode_piece(DotDecoder* d, const char* piece, size_t n, std::stri
     take(d, TERMINATOR, TERMINATOR_LENGTH, out);
   }
   if (d->newline) {
-    if (is_blank(piece, n)) {
-      d->in_header = false;
-      dlog(DLOG_SMTP, 9, "End of MIME header\n");
-    }
+    if (is_blank(piece, n)) dlog(DLOG_SMTP, 9, "End of MIME header\n");
     if (d->after_crlf && n == TERMINATOR_LENGTH && memcmp(piece, TERMINATOR, n) == 0) {
       dlog(DLOG_SMTP, 9, "%p, normal end of data encountered, done fetching.\n", d->log_id);
       return DotResult::END;
