@@ -98,9 +98,12 @@ class NetNS:
 class Daemon:
     """Started by Bed.start_daemon; pid is the program's own (ip, unshare and sh exec)."""
 
-    def __init__(self, bed, argv):
+    def __init__(self, bed, argv, scan_tmpfs=None):
         self.err_path = bed.root / f"daemon{len(list(bed.root.glob('*.err')))}.err"
-        script = 'mount --bind "$1" /var && shift && exec "$@"'
+        script = 'mount --bind "$1" /var && shift && '
+        if scan_tmpfs:  # a scan directory of that size ("64k") that only the daemon sees
+            script += f"mount -t tmpfs -o size={scan_tmpfs} vigild-scan /var/av/scan && "
+        script += 'exec "$@"'
         with open(self.err_path, "wb") as err:  # standard output too: the daemon writes none
             self.proc = subprocess.Popen(bed.ns.command(
                 ["unshare", "-m", "--propagation", "private", "sh", "-c", script, "vigild-bed",
@@ -112,6 +115,9 @@ class Daemon:
 
     def stderr(self):
         return self.err_path.read_text(errors="replace")
+
+    def own_path(self, daemon_path):  # a file as the daemon sees it, its own mounts included
+        return Path(f"/proc/{self.pid}/root{daemon_path}")
 
     def _wait(self, done, what, timeout):
         def ready():
@@ -353,14 +359,14 @@ class Bed:
                 ("common.conf", "scannerd", common), ("vigild.conf", "vigild", proxy)))
 
     def start_daemon(self, settings=None, verbosity=("9",), extra_args=(), wait=True,
-                     raw_args=None, wrapper=()):
+                     raw_args=None, wrapper=(), scan_tmpfs=None):
         """raw_args replace the arguments; wrapper execs vigild in place (prlimit, setpriv)."""
         assert self.daemon is None or not self.daemon.alive(), "one daemon per bed"
         common, proxy = self.write_config(settings)
         args = raw_args if raw_args is not None else (
             ["-d", "-e", "-s"] + [a for v in verbosity for a in ("-v", v)] +
             ["-c", common, "-p", proxy] + list(extra_args))
-        self.daemon = Daemon(self, list(wrapper) + [str(vigild_path())] + list(args))
+        self.daemon = Daemon(self, list(wrapper) + [str(vigild_path())] + list(args), scan_tmpfs)
         if wait:
             self.daemon.wait_listening(LISTEN_PORT)
         return self.daemon
