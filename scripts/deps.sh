@@ -4,8 +4,10 @@
 # that no mail server starts; only its smtp-source/smtp-sink tools are used.
 set -e
 need=""
+# clang only recommends its runtime libraries; libclang-rt-14-dev holds the
+# libFuzzer and sanitizer runtimes that the fuzz build links.
 for pkg in cmake g++ make libgtest-dev libcrypt-dev libbenchmark-dev iproute2 iptables \
-           python3 swaks postfix clang-format gcovr; do
+           python3 swaks postfix clang-format gcovr clang libclang-rt-14-dev; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "ok installed" || need="$need $pkg"
 done
 [ -z "$need" ] && exit 0
