@@ -49,6 +49,9 @@ void comm_dump(FILE* stream);
 // once each). 0 when written or queued, -1 when the write failed at once.
 int comm_write(int fd, const void* buffer, int length, CommHandler handler, void* data,
                ReleaseFn release);
+// Bytes queued for fd and not yet written: what a peer that does not read
+// costs us.
+long long comm_queued_bytes(int fd);
 // Drops every queued write of fd; with notify the handlers learn of it (error 1).
 void comm_clear_write(int fd, int notify);
 void comm_finished(int fd, CommHandler handler, void* data);

@@ -46,6 +46,7 @@ struct WriteQueue {
   QueuedWrite* head = nullptr;
   QueuedWrite* tail = nullptr;  // appends stay O(1) behind a slow reader
   int count = 0;
+  long long bytes = 0;  // not yet written, over every queued write
   HandlerEntry finished;
   HandlerEntry interm;
   time_t interm_last = 0;

@@ -53,6 +53,7 @@ QueuedWrite* pop_head(WriteQueue& q) {
   q.head = w->next;
   if (q.head == nullptr) q.tail = nullptr;
   q.count--;
+  q.bytes -= w->size;
   return w;
 }
 
@@ -87,6 +88,7 @@ void cwcb(int fd, void* data) {
   } else if (n >= 0) {
     head->offset += static_cast<int>(n);
     head->size -= static_cast<int>(n);
+    q.bytes -= n;
     register_cwcb(fd);
   } else if (is_transient_errno(errno)) {
     dlog(DLOG_COMM, 5, "cwcb: fd: %d, ignored error:%m\n", fd);
@@ -110,6 +112,7 @@ void cwcb(int fd, void* data) {
     HandlerEntry e = q.finished;
     q.finished.handler = nullptr;
     q.count = 0;
+    q.bytes = 0;
     dlog(DLOG_COMM, 5, "calling old_finished_handler: data=%p\n", e.data);
     e.handler(fd, error, e.data);
   }
@@ -190,8 +193,13 @@ int comm_write(int fd, const void* buffer, int length, CommHandler handler, void
     q.head = w;
   q.tail = w;
   q.count++;
+  q.bytes += w->size;
   register_cwcb(fd);
   return 0;
+}
+
+long long comm_queued_bytes(int fd) {
+  return comm_valid_fd(fd) ? comm.writes[fd].bytes : 0;
 }
 
 void comm_clear_write(int fd, int notify) {
@@ -208,6 +216,7 @@ void comm_clear_write(int fd, int notify) {
   HandlerEntry finished = q.finished;
   q.head = q.tail = nullptr;
   q.count = 0;
+  q.bytes = 0;
   q.finished.handler = nullptr;
   // An intermediate handler belongs to the writes being dropped; left armed
   // it would fire for the next owner of this descriptor number.

@@ -28,6 +28,7 @@ namespace {
 constexpr int RECEIVER_READ_SIZE = 2000;
 constexpr int REPLY_LINE_MAX = 2000;
 constexpr size_t RELAY_CHUNK = 65536;
+constexpr int REPLY_LINES_PER_EVENT = 64;
 
 // The relay of a message failed before the backend took it: the backend side
 // goes (a stream cut before its end of data is discarded by the backend), the
@@ -121,6 +122,7 @@ void relay_write_done(int, int error, void* data) {
   RelaySend* r = conn->relay.get();
   if (r == nullptr) return;
   r->in_flight = false;
+  reset_idle_timer(conn);  // the backend is reading: progress, not a stall
   if (!r->in_call) relay_pump(conn);
 }
 
@@ -128,9 +130,7 @@ void relay_pump(Connection* conn) {
   RelaySend* r = conn->relay.get();
   while (!r->in_flight) {
     if (r->last) {
-      // All of it is out: the time-out that the send held off runs again.
       conn->relay.reset();
-      reset_idle_timer(conn);
       return;
     }
     r->out.clear();
@@ -190,6 +190,20 @@ void backend_start(Connection* conn) {
   }
 }
 
+void be_timeout(Connection* conn) {
+  dlog(DLOG_SMTP, 1, "%p, Backend timeout. backend=%s(%d), sender=%s(%d)\n", log_ptr(conn),
+       Dotted(conn->receiver_addr).text, port_of(conn->receiver_addr),
+       Dotted(conn->sender_addr).text, port_of(conn->sender_addr));
+  const bool rset = conn->be_state == BE_RSET;
+  close_backend(conn);
+  if (conn->closed || !smtp_reply(conn, "451 Internal Error\r\n")) return;
+  if (rset)
+    txn_end(conn);
+  else
+    txn_end_message(conn);
+  smtp_resume(conn);
+}
+
 void be_connected(int fd, int error, void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
@@ -228,9 +242,14 @@ void response_handler(int fd, void* data) {
   // A QUIT from the sender arms this handler also while the connect is
   // still pending; there is no stream to read then, and the close follows.
   if (conn->receiver_stream == nullptr) return;
-  // Every whole line already buffered is handled now, in order: the read
-  // handler is one-shot and the socket may not become readable again.
-  for (;;) {
+  // Every whole line already buffered is handled in order, a bounded number
+  // per readiness event: the rest in the next loop pass, since the socket
+  // may not become readable again.
+  for (int handled = 0;; handled++) {
+    if (handled == REPLY_LINES_PER_EVENT) {
+      comm_read_now(fd, response_handler, conn);
+      return;
+    }
     command_line->length = 0;
     command_line->data[0] = '\0';
     errno = 0;
@@ -283,9 +302,8 @@ int be_send_file(Connection* conn) {
   if (conn->closed) return 1;
   Message* m = conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
   if (m == nullptr || m->file == nullptr) return 1;
-  // A large file may take longer than the idle time-out to go out; the end
-  // of the send arms the timer again.
-  conn->idle_timer.reset();
+  // The idle time-out keeps running: every chunk the backend takes re-arms
+  // it, so only a backend that stops reading runs into it.
   dlog(DLOG_SMTP, 9, "Sending file to backend: fd %d\n", conn->receiver_fd);
   auto* r = new (std::nothrow) RelaySend{};
   if (r == nullptr) fatal_exit("Out of memory: %m\n");

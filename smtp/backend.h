@@ -42,6 +42,10 @@ void close_backend(Connection* conn);
 // are read again. An idle backend's failure reaches a sender between
 // messages the same way and leaves the sender's reading alone.
 void be_problem(Connection* conn, const DynString* reply);
+// The backend stopped reading or answering while working for the sender:
+// the backend side goes, the sender gets "451 Internal Error" and its
+// commands are read again.
+void be_timeout(Connection* conn);
 // Starts sending the message file as its one canonical DATA stream (see
 // scan/dotstream.h), ending in ".\r\n". 0: started (a later failure is
 // reported through the writes); 1: there is no message to send.

@@ -102,6 +102,15 @@ bool announces_8bitmime(const DynString* line) {
   return strncasecmp(keyword, "8BITMIME", 8) == 0 && strchr(" \r\n", keyword[8]) != nullptr;
 }
 
+// The sender's AUTH lines are passed on as typed, so they must be nothing
+// but base64 and their line end: a stray CR inside one would be a line end,
+// and a command, to some backends.
+bool is_base64_line(const char* line) {
+  if (line == nullptr) return false;
+  size_t n = strspn(line, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=");
+  return strcmp(line + n, "\r\n") == 0 || strcmp(line + n, "\n") == 0;
+}
+
 // A refused AUTH step: the message goes on unauthenticated after an RSET.
 int auth_rset(Connection* conn) {
   if (!send_command(conn, "RSET\r\n", false)) return 1;
@@ -147,7 +156,8 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
   if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in EHLO state: %s");
   if (announces_8bitmime(line)) conn->be_8bitmime = true;
   if (more) return 0;
-  if (conn->auth_user != nullptr && conn->auth_pass != nullptr && config.passthrough_auth) {
+  if (config.passthrough_auth && is_base64_line(conn->auth_user.get()) &&
+      is_base64_line(conn->auth_pass.get())) {
     if (!send_command(conn, "auth login\r\n", false)) return 1;
     dlog(DLOG_SMTP, 4, "%p, sent 'auth login' to backend\n", log_ptr(conn));
     conn->be_state = BE_AUTH_LOGIN;
@@ -183,7 +193,7 @@ int on_auth_login(Connection* conn, const DynString* line, int c, bool more) {
                  conn, free) < 0)
     return 1;
   if (conn->closed) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_user.get());
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), "<hidden>");
   conn->be_state = BE_AUTH_USER;
   return 0;
 }
@@ -196,7 +206,7 @@ int on_auth_user(Connection* conn, const DynString* line, int c, bool more) {
   if (more) return 0;
   char* pass = auth_line_copy(conn, conn->auth_pass.get(), line);
   if (pass == nullptr || !send_command(conn, pass, true)) return 1;
-  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), conn->auth_pass.get());
+  dlog(DLOG_SMTP, 4, "%p, sent '%s' to backend\n", log_ptr(conn), "<hidden>");
   conn->be_state = BE_AUTH_PASSWORD;
   return 0;
 }

@@ -40,6 +40,19 @@ bool ends_with_lf(const DynString* line) {
   return line->length > 0 && line->data[line->length - 1] == '\n';
 }
 
+// A sender that writes commands without reading the replies costs at most
+// this much queued output: past it the sender is not read until its queue
+// has drained.
+constexpr long long REPLY_BACKLOG_MAX = 65536;
+// Commands handled per readiness event; the rest waits for the next loop
+// pass, so one fast sender cannot starve the others.
+constexpr int COMMANDS_PER_EVENT = 64;
+
+void sender_drained(int, int error, void* data) {
+  auto* conn = static_cast<Connection*>(data);
+  if (error == 0 && conn != nullptr && !conn->closed) smtp_resume(conn);
+}
+
 const SmtpCommand* match_command(const DynString* line) {
   for (const SmtpCommand* c = smtp_commands; c->verb != nullptr; ++c) {
     size_t n = strlen(c->verb);
@@ -62,13 +75,21 @@ bool is_blank(const DynString* s) {
 void command_handler(int fd, void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
-  for (;;) {
+  for (int handled = 0;; handled++) {
     // Tested before every read, so a pipelined batch stops right after the
     // reply that went over the limit.
     if (conn->errors > config.max_errors) {
       dlog(DLOG_SMTP, 1, "Too many sender errors. Closing connection (sender=%s:%d)\n",
            dotted(conn), port(conn));
       close_connection(conn);
+      return;
+    }
+    if (comm_queued_bytes(fd) > REPLY_BACKLOG_MAX) {
+      comm_finished(fd, sender_drained, conn);
+      return;
+    }
+    if (handled == COMMANDS_PER_EVENT) {
+      comm_read_now(fd, command_handler, conn);
       return;
     }
     if (read_line(conn) == -1) {

@@ -26,6 +26,8 @@
 namespace {
 
 constexpr int DATA_PIECE_MAX = 5000;
+// Body bytes taken per readiness event before the loop serves others.
+constexpr int64_t DATA_BYTES_PER_EVENT = 65536;
 constexpr const char* SIZE_REFUSAL = "552 Message size exceeds fixed maximum message size\r\n";
 constexpr const char* BARE_REFUSAL = "550 Message contains bare CR or LF\r\n";
 constexpr const char* STORE_REFUSAL = "451 Internal Error\r\n";
@@ -155,7 +157,11 @@ void data_handler(int fd, void* data) {
   if (m == nullptr) return;
   reset_idle_timer(conn);
 
-  for (;;) {
+  for (int64_t taken = 0;; taken += command_line->length) {
+    if (taken >= DATA_BYTES_PER_EVENT) {
+      comm_read_now(fd, data_handler, conn);
+      return;
+    }
     DynString* piece = command_line;
     piece->length = 0;
     piece->data[0] = '\0';

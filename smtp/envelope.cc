@@ -63,6 +63,17 @@ bool asks_8bitmime(const DynString* line) {
   return strcasestr(params, "BODY=8BITMIME") != nullptr;
 }
 
+// CR, LF, NUL and the other control characters must never reach a backend
+// command, a scanner request or a notification: an address holding one is
+// refused outright (a quoted local part may otherwise hold anything).
+bool has_control(const DynString* s) {
+  for (int i = 0; i < s->length; i++) {
+    unsigned char c = static_cast<unsigned char>(s->data[i]);
+    if (c < 0x20 || c == 0x7f) return true;
+  }
+  return false;
+}
+
 // A refused MAIL: the reply, the error count, and the envelope dropped.
 int refuse_mail(Connection* conn, const char* reply, const char* log) {
   smtp_reply(conn, reply);
@@ -115,6 +126,8 @@ int smtp_mail(const DynString* line, Connection* conn) {
     dlog(DLOG_SMTP, 9, "empty MAIL FROM field\n");
   } else if (addr_parse(line, txn->from_domain.get(), txn->from.get()) != 0) {
     return refuse_mail(conn, "552 Invalid path\r\n", "552 Invalid path");
+  } else if (has_control(txn->from.get())) {
+    return refuse_mail(conn, "501 Invalid address\r\n", "501 Invalid address");
   }
 
   if (!config.allow_null_sender) {
@@ -157,6 +170,8 @@ int smtp_rcpt(const DynString* line, Connection* conn) {
     return refuse_rcpt(conn, "550 Too many recipients\r\n", "550 Too many recipients");
   if (addr_parse(line, rcpt_domain, rcpt_address) != 0)
     return refuse_rcpt(conn, "552 Invalid path\r\n", "552 Invalid path");
+  if (has_control(rcpt_address))
+    return refuse_rcpt(conn, "501 Invalid address\r\n", "501 Invalid address");
 
   if (!conn->can_relay && !is_local_domain(rcpt_domain->data)) {
     dlog(DLOG_SMTP, 9, "Relaying denied to %s\n", rcpt_domain->data);

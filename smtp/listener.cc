@@ -13,6 +13,7 @@
 #include "foundation/dlog.h"
 #include "foundation/dump.h"
 #include "foundation/fatal.h"
+#include "net/route.h"
 #include "smtp/address.h"
 #include "smtp/backend.h"
 #include "smtp/config.h"
@@ -65,6 +66,25 @@ bool read_address(int fd, Connection* conn) {
   return true;
 }
 
+// The sender reached our own port without being redirected to a mail server
+// (directly, or through a rule that points back at us): relaying would only
+// connect the proxy to itself.
+bool is_loop(const Connection* conn) {
+  if (port_of(conn->receiver_addr) != config.listen_port) return false;
+  const in_addr_t dst = conn->receiver_addr.sin_addr.s_addr;
+  if (dst == conn->my_sender_addr.sin_addr.s_addr || (ntohl(dst) >> 24) == 127) return true;
+  bool local = false;
+  IfiInfo* interfaces = get_ifi_info(AF_INET, 1);
+  for (const IfiInfo* i = interfaces; i != nullptr && !local; i = i->next)
+    local = i->addr != nullptr && i->addr->sin_addr.s_addr == dst;
+  free_ifi_info(interfaces);
+  return local;
+}
+
+void close_after_reply(int, int, void* data) {
+  close_connection(static_cast<Connection*>(data));
+}
+
 }  // namespace
 
 DynString* smtp_checked(DynString* s) {
@@ -95,6 +115,9 @@ void smtp_read_sender(Connection* conn, IoHandler handler) {
 }
 
 void smtp_resume(Connection* conn) {
+  // The idle time-out was held off while the message was examined; the
+  // sender is on the clock again.
+  reset_idle_timer(conn);
   smtp_read_sender(conn, command_handler);
 }
 
@@ -139,6 +162,13 @@ void smtp_accept(int fd, int status, void*) {
   conn->sender_fd = fd;
   if (!read_address(fd, conn)) {
     close_connection(conn);
+    return;
+  }
+  if (is_loop(conn)) {
+    dlog(DLOG_SMTP, 1, "Mail loop detected. Closing connection (sender=%s:%d)\n",
+         Dotted(conn->sender_addr).text, port_of(conn->sender_addr));
+    const char* reply = "554 Mail loop detected\r\n";
+    comm_write(fd, reply, static_cast<int>(strlen(reply)), close_after_reply, conn, nullptr);
     return;
   }
   smtp_start_session(conn);
@@ -252,6 +282,13 @@ void sender_write_callback(int, int status, void* data) {
 void idle_timeout_handler(void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) return;
+  // While the backend works for the sender, the time-out is the backend's:
+  // it stopped reading or answering.
+  if (txn_phase(conn) == TxnPhase::RELAYING || conn->be_state == BE_RSET) {
+    conn->idle_timer.release();  // it has fired; the timer module frees it
+    be_timeout(conn);
+    return;
+  }
   dlog(DLOG_SMTP, 1, "Idle timeout. Closing connection. sender=%s(%d), receiver=%s(%d)\n",
        Dotted(conn->sender_addr).text, port_of(conn->sender_addr), Dotted(conn->receiver_addr).text,
        port_of(conn->receiver_addr));
