@@ -33,6 +33,8 @@ struct AsRequest {
   AsServer* ps;     // the connection carrying it, null while pending
   SpamHandler handler;
   void* data;
+  // Its line went out and no reply was read for it yet.
+  bool awaiting;
 };
 
 struct AsServer {
@@ -48,6 +50,10 @@ struct AsServer {
   // Bumped whenever the socket is replaced, so a read loop that called a
   // handler can tell that its descriptor and stream are gone.
   unsigned epoch = 0;
+  // Replies still owed on this connection to requests whose callers gave up
+  // waiting (their time-out): such a reply comes late, with a key no request
+  // waits for, and is no fault of the service.
+  int late_replies = 0;
 };
 
 namespace {
@@ -136,6 +142,17 @@ AsServer* get_free_server() {
   return ps;
 }
 
+// The id and the sender come from the sender's message and envelope: every
+// control byte, DEL and blank becomes '?', so neither can end the request line
+// or add a field to it.
+char* request_field(const char* text) {
+  char* copy = strdup(text);
+  if (copy == nullptr) fatal_exit("spam_scan: out of memory\n");
+  for (char* p = copy; *p != '\0'; p++)
+    if (static_cast<unsigned char>(*p) <= ' ' || *p == '\x7f') *p = '?';
+  return copy;
+}
+
 void asr_free(AsRequest* r) {
   free(r->text);
   free(r);
@@ -177,7 +194,9 @@ int send_request(AsRequest* r, AsServer* ps) {
   r->ps = ps;
   ps->asr = r;
   ps->failures = 0;
-  return as_send(ps);
+  if (as_send(ps) != 0) return -1;
+  r->awaiting = true;
+  return 0;
 }
 
 // A server became available: the newest pending request takes it, or it goes
@@ -215,7 +234,18 @@ void as_fail_requests(AsServer* ps) {
     r->next = nullptr;
     r->handler(r->data, 0);
   }
-  if (ps->asr != nullptr) ps->asr->handler(ps->asr->data, 0);
+  if (ps->asr == nullptr) return;
+  ps->asr->awaiting = false;  // the connection is remade: nothing comes for it
+  ps->asr->handler(ps->asr->data, 0);
+}
+
+// A reply that breaks the protocol: the requests pass with 0 and the connection
+// is made anew at once, as after a read error.
+void as_drop(AsServer* ps) {
+  dlog(DLOG_SPAM, 1, "Invalid response from anti-spam.\n");
+  as_fail_requests(ps);
+  if (ps->status == 1) take_off_free(ps);
+  as_connect(ps);
 }
 
 void as_read(int fd, void* data) {
@@ -234,7 +264,10 @@ void as_read(int fd, void* data) {
     DynString* line = as.line;
     line->length = 0;
     line->data[0] = '\0';
-    if (lstream_readline(line, ps->stream, '\n', MAX_REPLY) < 0) {
+    // Read up to one byte past the longest reply: a line cut there is too long
+    // whatever its first bytes say, while one of exactly the limit can still
+    // wait for its end. The rest of a longer line is never buffered.
+    if (lstream_readline(line, ps->stream, '\n', MAX_REPLY + 1) < 0) {
       if (is_transient_errno(errno)) {
         dlog(DLOG_SPAM, 9, "as_read: fd %d data %p err %m\n", fd, data);
         comm_read(fd, as_read, ps);
@@ -257,26 +290,30 @@ void as_read(int fd, void* data) {
       return;
     }
     if (line->data[line->length - 1] == '\n') line->data[--line->length] = '\0';
-    if (line->length < MIN_REPLY || line->length > MAX_REPLY) {
-      dlog(DLOG_SPAM, 1, "Invalid response from anti-spam.\n");
-      as_fail_requests(ps);
-      if (ps->status == 1) take_off_free(ps);
-      as_connect(ps);
-      return;
-    }
     AsRequest* r = ps->asr;
     dlog(DLOG_SPAM, 9, "as_read: ps %p asr %p line \"%s\"\n", data, static_cast<void*>(r),
          line->data);
-    if (r == nullptr) return;
-    int result = static_cast<int>(strtol(line->data, nullptr, 10));
+    char* end = nullptr;
+    int result = static_cast<int>(strtol(line->data, &end, 10));
+    if (line->length < MIN_REPLY || line->length > MAX_REPLY || end == line->data) {
+      as_drop(ps);
+      return;
+    }
     const char* key = strpbrk(line->data, " \t\v\f\r");
     key = key != nullptr ? key + 1 : "";
     dlog(DLOG_SPAM, 4, "AS reply id=%s ps=%p, asr=%p, fd=%d\n", key, data, static_cast<void*>(r),
          fd);
-    if (strncmp(key, r->key, KEY_LENGTH) != 0) {
-      dlog(DLOG_SPAM, 3, "Can't find matching spam request for %s, connection %p\n", key, r->data);
+    if (r == nullptr || strncmp(key, r->key, KEY_LENGTH) != 0) {
+      dlog(DLOG_SPAM, 3, "Can't find matching spam request for %s, connection %p\n", key,
+           r != nullptr ? r->data : nullptr);
+      if (ps->late_replies == 0) {
+        as_drop(ps);
+        return;
+      }
+      ps->late_replies--;
       continue;
     }
+    r->awaiting = false;
     r->handler(r->data, result);
     if (ps->epoch != epoch || ps->stream == nullptr) return;
   }
@@ -323,11 +360,25 @@ void as_connect(AsServer* ps) {
     ps->fd = -1;
   }
   ps->epoch++;
-  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (fd < 0) fatal_exit("Couldn't create anti-spam socket: %m\n");
-  if (set_nonblock(fd) != 0) fatal_exit("Couldn't nonblock anti-spamr socket: %m\n");
-  ps->fd = fd;
+  ps->late_replies = 0;
   ps->status = 0;
+  // Out of descriptors, say: that passes, so it is a failed attempt like a
+  // refused connect, tried again, also at start-up.
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  if (fd < 0) {
+    dlog(DLOG_SPAM, 1, "Couldn't create anti-spam socket: %m\n");
+    as_connect_failed(ps);
+    return;
+  }
+  if (set_nonblock(fd) != 0) {
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    dlog(DLOG_SPAM, 1, "Couldn't nonblock anti-spamr socket: %m\n");
+    as_connect_failed(ps);
+    return;
+  }
+  ps->fd = fd;
   dlog(DLOG_SPAM, 7, "Connecting to %s %d\n", as.addr.sun_path, fd);
   socklen_t length = static_cast<socklen_t>(2 + strlen(as.addr.sun_path));
   ps->connect_handle =
@@ -362,19 +413,25 @@ void spam_init(const char* path, int count) {
 
 AsRequest* spam_scan(SpamHandler handler, void* data, const char* filename, const char* id,
                      const char* sender, int64_t size, bool bypass) {
-  if (id == nullptr) id = "unknown";
-  dlog(DLOG_SPAM, 9, "spam_scan: for %s id= %s\n", filename, id);
+  // An empty id would leave its field out: it is "unknown", as a missing one.
+  char* safe_id = request_field(id != nullptr && id[0] != '\0' ? id : "unknown");
+  dlog(DLOG_SPAM, 9, "spam_scan: for %s id= %s\n", filename, safe_id);
   if (as.servers.empty()) {
+    free(safe_id);
     handler(data, 0);
     return nullptr;
   }
   auto* r = static_cast<AsRequest*>(calloc(1, sizeof(AsRequest)));
   if (r == nullptr) fatal_exit("spam_scan: out of memory\n");
   long long n = size;
-  if (sender != nullptr && sender[0] != '\0')
-    xasprintf(&r->text, "%s %s %lld %s\n", filename, id, n, sender);
-  else
-    xasprintf(&r->text, "%s %s %lld\n", filename, id, n);
+  if (sender != nullptr && sender[0] != '\0') {
+    char* safe_sender = request_field(sender);
+    xasprintf(&r->text, "%s %s %lld %s\n", filename, safe_id, n, safe_sender);
+    free(safe_sender);
+  } else {
+    xasprintf(&r->text, "%s %s %lld\n", filename, safe_id, n);
+  }
+  free(safe_id);
   size_t name_length = strlen(filename);
   r->key = r->text + (name_length > KEY_LENGTH ? name_length - KEY_LENGTH : 0);
   r->handler = handler;
@@ -403,7 +460,10 @@ AsRequest* spam_scan(SpamHandler handler, void* data, const char* filename, cons
 void spam_cancel(AsRequest* r) {
   asr_remove(r);
   // A server that was reconnected under a request no longer carries it.
-  if (r->ps != nullptr && r->ps->asr == r) ps_free(r->ps);
+  if (r->ps != nullptr && r->ps->asr == r) {
+    if (r->awaiting) r->ps->late_replies++;
+    ps_free(r->ps);
+  }
   asr_free(r);
 }
 

@@ -61,6 +61,9 @@ struct VscanState {
   // Bumped whenever the socket is replaced, so a loop that called out (a
   // handler, a write) can tell that the descriptor it reads is gone.
   unsigned epoch = 0;
+  // The oldest number this connection was sent: every number from it up to
+  // next_num went out on it.
+  uint32_t first_num = 1;
   bool dump_registered = false;
 };
 
@@ -70,6 +73,22 @@ void vs_connect();
 
 ssize_t stream_read(int fd, void* buffer, size_t size) {
   return read(fd, buffer, size);
+}
+
+char* xstrdup(const char* s) {
+  char* copy = strdup(s);
+  if (copy == nullptr) fatal_exit("virus_scan: out of memory\n");
+  return copy;
+}
+
+// The id comes from the sender's message: every control byte, DEL and blank
+// becomes '?', so it can never end the request line or add a field to it. An
+// empty id is "unknown", as a missing one.
+char* request_field(const char* text) {
+  char* copy = xstrdup(text != nullptr && text[0] != '\0' ? text : "unknown");
+  for (char* p = copy; *p != '\0'; p++)
+    if (static_cast<unsigned char>(*p) <= ' ' || *p == '\x7f') *p = '?';
+  return copy;
 }
 
 const char* client_type_word(int type) {
@@ -100,6 +119,21 @@ void close_scanner_fd() {
   comm_clear_read(vs.scanner_fd);
   close(vs.scanner_fd);
   vs.scanner_fd = -1;
+}
+
+// The scanner broke the protocol: the connection goes, and a new one is made
+// after the same pause as when the scanner hangs up, so a scanner that keeps
+// misbehaving costs a reconnect every few seconds rather than a busy loop.
+// The queue stays and is sent again on the next connection.
+void vs_drop() {
+  dlog(DLOG_VSCAN, 3, "Dropping scanner connection, reconnecting in %d seconds.\n",
+       RECONNECT_DELAY);
+  vs.connection_state = 1;
+  close_scanner_fd();
+  if (vs.stream != nullptr) lstream_close(nullptr, vs.stream);
+  vs.stream = nullptr;
+  vs.epoch++;
+  schedule_connect(RECONNECT_DELAY);
 }
 
 void vs_remove(VscanRequest* r) {
@@ -188,7 +222,14 @@ VscanRequest* vs_find(uint32_t num) {
   return nullptr;
 }
 
-// 0 when the line was understood (whether or not a request matched it).
+// Whether num went out on this connection (counted around the wrap).
+bool vs_sent_here(uint32_t num) {
+  return num - vs.first_num < vs.next_num - vs.first_num;
+}
+
+// 0 when the line was understood (whether or not a request matched it): a
+// request cancelled by its caller may still be answered. -1, logged, when the
+// scanner broke the protocol; the caller then drops the connection.
 int vs_parse(DynString* line) {
   dlog(DLOG_VSCAN, 9, "Parsing line: %s", line->data);
   char name[256];
@@ -197,17 +238,22 @@ int vs_parse(DynString* line) {
   int result = 0;
   if (sscanf(line->data, "%i %i %255s", &num, &result, name) < 2) {
     dlog(DLOG_VSCAN, 0, "Parse error with scanner: %s", line->data);
-    vs.connection_state = 1;
-    vs_connect();
     return -1;
   }
   dlog(DLOG_VSCAN, 9, "request num %d, result %#x, virus name: %s\n", num, result, name);
   if (num == 0) {
-    if (result != 0) fatal_exit("Handshaking error with scanner: %s\n", line->data);
-    return 0;
+    if (result == 0) return 0;
+    // A scanner that refuses us now may take us after a restart: the mail
+    // goes on under the callers' bypass and time-out rules meanwhile.
+    dlog(DLOG_VSCAN, 1, "Handshaking error with scanner: %s\n", line->data);
+    return -1;
   }
   VscanRequest* r = vs_find(static_cast<uint32_t>(num));
   if (r == nullptr) {
+    if (!vs_sent_here(static_cast<uint32_t>(num))) {
+      dlog(DLOG_VSCAN, 1, "Response to unknown request from scanner: %s", line->data);
+      return -1;
+    }
     dlog(DLOG_VSCAN, 5, "Response to missing request: %s\n", line->data);
     return 0;
   }
@@ -224,7 +270,9 @@ void vs_read_handler(int fd, void*) {
     DynString* line = vs.line;
     line->length = 0;
     line->data[0] = '\0';
-    if (lstream_readline(line, vs.stream, '\n', LINE_LIMIT) < 0) {
+    // Read up to one byte past the limit: a line cut there is over it, while
+    // one of exactly the limit can still wait for its end.
+    if (lstream_readline(line, vs.stream, '\n', LINE_LIMIT + 1) < 0) {
       if (is_transient_errno(errno)) {
         dlog(DLOG_VSCAN, 5, "vs_read_handler: read error: %m\n");
         comm_read(fd, vs_read_handler, nullptr);
@@ -242,16 +290,20 @@ void vs_read_handler(int fd, void*) {
       return;
     }
     int content = line->length;
-    bool terminated = line->data[content - 1] == '\n';
-    if (terminated) content--;
-    bool too_long = content > LINE_LIMIT || (!terminated && line->length >= LINE_LIMIT);
-    if (too_long) {
+    if (line->data[content - 1] == '\n') content--;
+    // What was read of an over-long line is not a reply: no verdict, nor a
+    // refusal, is taken from a line cut short.
+    if (content > LINE_LIMIT) {
       dlog(DLOG_VSCAN, 1, "Long line from scanner\n");
-      vs.connection_state = 1;
-      vs_connect();
+      vs_drop();
+      return;
     }
     dlog(DLOG_VSCAN, 9, "vs_read: %s", line->data);
-    if (vs_parse(line) != 0 || too_long || vs.epoch != epoch) return;
+    if (vs_parse(line) != 0) {
+      vs_drop();
+      return;
+    }
+    if (vs.epoch != epoch) return;
   }
 }
 
@@ -263,6 +315,7 @@ void vs_connected(int fd, int error, void*) {
   }
   vs.connect_failures = 0;
   vs.connection_state = 2;
+  vs.first_num = vs.vs_tail != nullptr ? vs.vs_tail->num : vs.next_num;
   if (vs.stream != nullptr) lstream_close(nullptr, vs.stream);
   vs.stream = lstream_open(fd, stream_read, STREAM_CHUNK);
   if (vs.stream == nullptr) fatal_exit("vs_connected: out of memory\n");
@@ -283,9 +336,22 @@ void vs_connect() {
   if (vs.connect_handle != nullptr) return;
   close_scanner_fd();
   vs.epoch++;
+  // Out of descriptors, say: that passes, so it is a failed attempt like a
+  // refused connect, tried again, also at start-up.
   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (fd < 0) fatal_exit("Couldn't create local domain socket in vs_connect: %m\n");
-  if (set_nonblock(fd) != 0) fatal_exit("Couldn't non-block scanner socket in vs_connect: %m\n");
+  if (fd < 0) {
+    dlog(DLOG_VSCAN, 1, "Couldn't create local domain socket in vs_connect: %m\n");
+    vs_connect_failed();
+    return;
+  }
+  if (set_nonblock(fd) != 0) {
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    dlog(DLOG_VSCAN, 1, "Couldn't non-block scanner socket in vs_connect: %m\n");
+    vs_connect_failed();
+    return;
+  }
   vs.scanner_fd = fd;
   dlog(DLOG_VSCAN, 7, "Connecting to %s\n", vs.scanner_addr.sun_path);
   socklen_t length = static_cast<socklen_t>(2 + strlen(vs.scanner_addr.sun_path));
@@ -294,18 +360,13 @@ void vs_connect() {
   if (vs.connect_handle == nullptr) vs_connect_failed();
 }
 
-char* xstrdup(const char* s) {
-  char* copy = strdup(s);
-  if (copy == nullptr) fatal_exit("virus_scan: out of memory\n");
-  return copy;
-}
-
 }  // namespace
 
 void vs_init(const char* path, int client_type) {
   dlog(DLOG_VSCAN, 1, "Initializing virus module\n");
   vs.scanner_addr.sun_family = AF_UNIX;
   str_copy_bounded(vs.scanner_addr.sun_path, path, sizeof(vs.scanner_addr.sun_path));
+  client_type_word(client_type);  // an unknown type ends the start-up, not a later connect
   vs.client_type = client_type;
   if (!vs.dump_registered) dump_register(vs_dump);
   vs.dump_registered = true;
@@ -325,7 +386,7 @@ VscanRequest* virus_scan(const char* filename, in_addr_t from_addr, in_addr_t to
   r->filename = xstrdup(filename);
   r->from_addr = from_addr;
   r->to_addr = to_addr;
-  r->id = xstrdup(id != nullptr ? id : "unknown");
+  r->id = request_field(id);
   r->vst = vst;
   r->handler = handler;
   r->data = data;

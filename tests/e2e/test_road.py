@@ -17,13 +17,21 @@ def message(sender, rcpts, ehlo=True):  # [(line, expected reply prefix)] up to 
     return lines + [(f"RCPT TO:<{r}>", b"250") for r in rcpts] + [("DATA", b"354")]
 
 
+class RefusingScanner(FakeVirusScanner):
+    def _greet(self, f, conn):  # refuses the first hello ("0 7"), takes the later ones
+        if hello := f.readline(65536):
+            self._note(self.hellos, hello)
+            conn.sendall(b"0 7\n" if len(self.hellos) == 1 else b"0 0\n")
+        return bool(hello)
+
+
 class RoadCase(vb.BedTestCase):
-    def road(self, settings=None, spam=None, virus=None, scanners=True):
+    def road(self, settings=None, spam=None, virus=None, scanners=True, vclass=FakeVirusScanner):
         """A daemon with a fake backend and, unless scanners is False, both fake scanners."""
         self.bed = bed = self.make_bed()
         if scanners:
             self.spam = FakeAntiSpam(bed.host_path(AS_PATH), spam)
-            self.virus = FakeVirusScanner(bed.host_path(VS_PATH), virus)
+            self.virus = vclass(bed.host_path(VS_PATH), virus)
             self.addCleanup(lambda: self.spam.stop() or self.virus.stop())
         self.backend = bed.start_backend()
         merged = {"as_connections": "2", "idle_timeout": "60", **(settings or {})}
@@ -168,6 +176,24 @@ class ScannerTroubleTest(RoadCase):
         c = self.bed.connect()
         self.assertEqual(self.send(c, "a@x.test"), b"451 AV scanner timeout\r\n")
         self.bed.daemon.wait_log("AV scan timed out on connection")
+
+    def test_refused_hello_and_a_1mb_reply_cost_a_reconnect_not_the_daemon(self):
+        # Meanwhile the bypass lets the first message through, scanned by neither.
+        replies = iter([b"7" * (1 << 20)])  # one reply of 1 MB without an end
+        self.road({"as_connections": "1", "vscan_bypass": "1"}, vclass=RefusingScanner,
+                  spam=lambda line: next(replies, None))
+        self.bed.daemon.wait_log("Handshaking error with scanner: 0 7")
+        c = self.bed.connect()
+        self.assertEqual(self.send(c, "a@x.test"), b"250 OK\r\n")
+        self.bed.daemon.wait_log("Invalid response from anti-spam.\n")
+        self.bed.daemon.wait_log("Successfully connected to anti-spam server", count=2)
+        self.virus.wait_for(lambda v: len(v.hellos) == 2, what="the second hello")
+        body = BODY.replace(b"<m1@", b"<m2@")
+        self.assertEqual(self.send(c, "a@x.test", body=body, ehlo=False), b"250 OK\r\n")
+        self.assertIn(b"<m2@road.test> 51200 a@x.test\n", self.spam.requests[-1])
+        self.assertTrue([r for r in self.virus.requests if b"\t<m2@road.test>\n" in r])
+        self.assertEqual(len(self.relayed(2)), 2)
+        self.assertTrue(self.bed.daemon.alive())
 
 
 class DisconnectTest(RoadCase):

@@ -14,9 +14,9 @@ class SpamTest : public scan_test::ClientTest<AsRequest, spam_cancel, spam_shutd
   static std::string file(int i) { return "/var/av/scan/vigild_Key00" + std::to_string(i); }
   static std::string key(int i) { return "Key00" + std::to_string(i); }
   static std::string line(int i) { return file(i) + " mid 51200 s@x.test\n"; }
-  AsRequest* scan(int i, bool bypass, const char* sender = "s@x.test") {
+  AsRequest* scan(int i, bool bypass, const char* sender = "s@x.test", const char* id = "mid") {
     Job& j = jobs_[i];
-    j.req = spam_scan(on_result, &j, file(i).c_str(), "mid", sender, 51200, bypass);
+    j.req = spam_scan(on_result, &j, file(i).c_str(), id, sender, 51200, bypass);
     return j.req;
   }
   void reply(int i, const std::string& text) {
@@ -41,8 +41,7 @@ TEST_F(SpamTest, PoolOfThreeAnswersByKeyQueuesNewestFirstOrBypasses) {
   EXPECT_NE(scan(5, false), nullptr);
   EXPECT_FALSE(answered(3) || answered(5));
 
-  // A reply with another key is ignored; the request takes the next one.
-  reply(0, "9 zzzzzz\n7 " + key(0) + "\n");
+  reply(0, "7 " + key(0) + "\n");
   ASSERT_TRUE(fake_.run_until([&] { return answered(0) && fake_.peer_with(line(5)) >= 0; }));
   EXPECT_EQ(fake_.peer_with(line(5)), fake_.peer_with(file(0) + " ")) << "newest pending first";
   reply(5, "15 " + key(5) + " trailing words\n");
@@ -66,6 +65,38 @@ TEST_F(SpamTest, ReplyOfBadLengthFailsEveryRequestWithZeroAndReconnectsAtOnce) {
     EXPECT_EQ(result_of(a), V{0});
     EXPECT_EQ(result_of(b), V{0});
   }
+}
+
+// A reply that breaks the protocol costs its connection, however it arrives:
+// the request passes with 0 and the next one is answered on a new connection.
+// A late reply to a request its caller gave up on is no such fault.
+TEST_F(SpamTest, FaultyReplyDropsTheConnectionALateOneDoesNot) {
+  start(1);
+  const std::string cut = "7 " + key(1) + std::string(248, ' ');  // 256 bytes, then more
+  const std::string faults[][2] = {{std::string(65536, '7'), ""},
+                                   {cut, "...\n"},
+                                   {"x " + key(2) + "\n", ""},
+                                   {"7 zzzzzz\n", ""}};
+  for (int c = 0; c < 4; c++) {
+    SCOPED_TRACE(c);
+    ASSERT_NE(scan(c, false), nullptr);
+    reply(c, faults[c][0]);
+    if (!faults[c][1].empty()) {  // once the client has read the first part
+      fake_.run_until([n = 0]() mutable { return ++n == 3; });
+      reply(c, faults[c][1]);
+    }
+    EXPECT_EQ(result_of(c), V{0});
+    ASSERT_TRUE(fake_.run_until([&] { return fake_.peers() == static_cast<size_t>(c) + 2; }));
+  }
+  ASSERT_NE(scan(4, false), nullptr);
+  ASSERT_TRUE(fake_.run_until([&] { return fake_.peer_with(line(4)) == 4; }));
+  spam_cancel(jobs_[4].req);  // its caller's time-out
+  jobs_[4].req = nullptr;
+  ASSERT_NE(scan(5, false, "a b@x\r\n", "<m i\r\nd\x7f>"), nullptr);
+  reply(5, "5 " + key(4) + "\n6 " + key(5) + "\n");
+  EXPECT_EQ(result_of(5), V{6});
+  EXPECT_EQ(fake_.received(4), line(4) + file(5) + " <m?i??d?> 51200 a?b@x??\n");
+  EXPECT_EQ(fake_.peers(), 5u);
 }
 
 }  // namespace

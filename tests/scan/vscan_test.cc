@@ -78,4 +78,27 @@ TEST_F(VscanTest, RestartResendsPendingOldestFirstAndBypassAnswersWhileDown) {
   for (int i = 0; i < 3; i++) EXPECT_EQ(result_of(i), want[i]) << "request " << i;
 }
 
+// A scanner that breaks the protocol costs its connection, never the process
+// nor a verdict: the client reconnects after its pause (5 seconds a case) and
+// sends the queue again. An id cannot add a line or a field to a request.
+TEST_F(VscanTest, FaultyScannerIsDroppedAndTheQueueResentOnTheNextConnection) {
+  fake_.listen();
+  vs_init(fake_.path(), 1);
+  ASSERT_NE(scan(0, 1, "<a b\r\n9\tmscan\x7f>"), nullptr);  // number 1
+  const std::string faults[] = {"0 7\n", "0 0\n99 0\n", "0 0\n1\n",
+                                "0 0\n1 0" + std::string(5000, ' ') + "X\n"};
+  for (size_t c = 0; c < std::size(faults); c++) {
+    SCOPED_TRACE(c);
+    ASSERT_TRUE(fake_.run_until([&] { return fake_.lines(c) == 2; }));  // hello and request
+    fake_.send(c, faults[c]);
+    ASSERT_TRUE(fake_.run_until([&] { return fake_.peers() == c + 2; }));
+    EXPECT_FALSE(answered(0));
+  }
+  ASSERT_TRUE(fake_.run_until([&] { return fake_.lines(4) == 2; }));
+  EXPECT_EQ(fake_.received(4),
+            "0\tPROXY\tsmtp\n1\tmscan\t/scan/f0\t10.1.2.3\t10.9.0.1\t<a?b??9?mscan?>\n");
+  fake_.send(4, "0 0\n1 0x8\n");
+  EXPECT_EQ(result_of(0), V{8});
+}
+
 }  // namespace
