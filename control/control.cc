@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "foundation/dlog.h"
+#include "foundation/fd.h"
 #include "smtp/smtp.h"
 
 int ctrl_fd = -1;
@@ -25,33 +27,72 @@ struct PeerPath {
   char text[sizeof(sockaddr_un::sun_path) + 1];
 };
 
+// Removes the socket an earlier run left at path, and nothing else: a file,
+// directory or symlink standing there is not ours to delete, and the bind
+// that follows fails on it. unlink itself never follows a symlink. True when
+// the path is free; failures are logged at level.
+bool remove_socket_file(const char* path, unsigned level) {
+  struct stat st;
+  if (lstat(path, &st) < 0) {
+    if (errno == ENOENT) return true;
+    dlog(DLOG_COMM, level, "Couldn't stat ctrl socket %s: %m\n", path);
+    return false;
+  }
+  if (!S_ISSOCK(st.st_mode)) {
+    dlog(DLOG_COMM, level, "Not a socket, left in place: %s\n", path);
+    errno = EEXIST;
+    return false;
+  }
+  if (unlink(path) < 0 && errno != ENOENT) {
+    dlog(DLOG_COMM, level, "Couldn't remove ctrl socket %s: %m\n", path);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int ctrl_init(const char* path, IoHandler handler) {
-  int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  if (fd < 0) {
+  // A longer path would be cut short, and the socket made somewhere else.
+  if (strlen(path) > CTRL_PATH_MAX) {
+    dlog(DLOG_COMM, 1, "Ctrl socket path too long: %s\n", path);
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM, 0));
+  if (fd.get() < 0) {
     dlog(DLOG_COMM, 1, "Couldn't initialize ctrl socket: %m\n");
     return -1;
   }
-  unlink(path);
+  if (!remove_socket_file(path, 1)) return -1;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   strncpy(address.sun_path, path, CTRL_PATH_MAX);
   socklen_t length = sizeof(address.sun_family) + strlen(address.sun_path);
-  // A failed bind leaves a socket nobody can reach; the daemon does not
-  // depend on it, so it carries on without complaint.
-  (void)bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
-  chmod(path, 0777);
-  comm_read(fd, handler, nullptr);
-  return fd;
+  // Every local user may send requests. The mode is given at creation, by
+  // the umask: a chmod by path afterwards would follow a symlink put there
+  // in between.
+  mode_t umask_before = umask(0);
+  int bound = bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), length);
+  int bind_error = errno;
+  umask(umask_before);
+  if (bound < 0) {
+    errno = bind_error;
+    dlog(DLOG_COMM, 1, "Couldn't bind ctrl socket %s: %m\n", path);
+    return -1;
+  }
+  comm_read(fd.get(), handler, nullptr);
+  return fd.release();
 }
 
 void ctrl_close(int fd, const char* path) {
   if (fd != -1) {
     comm_clear_read(fd);
-    close(fd);
+    if (close(fd) < 0) dlog(DLOG_COMM, 1, "Couldn't close ctrl socket: %m\n");
   }
-  unlink(path);
+  // Once the daemon runs as its own user it may not remove the file from a
+  // directory of root's; the next start replaces it.
+  remove_socket_file(path, 3);
 }
 
 void ctrl_read_handler(int fd, void*) {

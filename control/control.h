@@ -14,10 +14,11 @@ constexpr int CTRL_STATS = 1;
 // ctrl_init returns; shutdown hands it to ctrl_close.
 extern int ctrl_fd;
 
-// Replaces any file at path with a socket that every local user may write to
-// and registers handler for its requests. -1 when no socket could be made.
+// Replaces a socket left at path with one that every local user may write to
+// and registers handler for its requests. -1 (errno set) when no socket could
+// be made, or something other than a socket stands at path.
 int ctrl_init(const char* path, IoHandler handler);
-// Unregisters and closes fd (unless -1) and removes the socket file in any case.
+// Unregisters and closes fd (unless -1) and removes a socket file at path.
 void ctrl_close(int fd, const char* path);
 // Takes one request per readiness and registers itself again on fd.
 void ctrl_read_handler(int fd, void* data);

@@ -54,7 +54,6 @@ void pre_init() {
   timer_init();
 }
 
-
 void proxy_init(const char* common_file, const char* proxy_file) {
   config_clear_lists();
   read_config(common_file, proxy_file);
@@ -83,15 +82,20 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   address.sin_port = htons(config.listen_port);
   listen_fd = make_listen_socket(&address, config.listen_backlog);
   if (listen_fd < 0) fatal_exit("Can't initialize listen fd. %m\n");
+  // Made while still root: its directory (/var/run) is root's.
+  ctrl_fd = ctrl_init(config.ctrl_socket_path, ctrl_read_handler);
+  if (ctrl_fd < 0) fatal_exit("Can't initialize ctrl socket. %m\n");
 
   // A dump runs its sections newest registration first, so this order puts
   // the connections before the virus scanner client and both before the
   // event loop, the timers, the signals and the log registered earlier.
   vs_init(config.scanner_addr, 1);
-  set_user_group(config.user, config.group);
+  // Going on as root after a failed switch would hand root to whoever finds
+  // a flaw in the parsing of what senders send.
+  if (set_user_group(config.user, config.group) != 0)
+    fatal_exit("Can't switch to user %s and group %s.\n", config.user, config.group);
   smtp_init_listener();
   spam_init(config.as_socket_path, config.as_connections);
-  ctrl_fd = ctrl_init(config.ctrl_socket_path, ctrl_read_handler);
 }
 
 }  // namespace

@@ -8,7 +8,11 @@
 
 // A non-blocking listening IPv4 TCP socket with the given backlog, or -1.
 int make_listen_socket(const sockaddr_in* address, int backlog = 5);
-int set_user_group(const char* user, const char* group);  // 0 or 1
+// Drops root for user and group with no supplementary groups, and checks that
+// root cannot be had back: 0, or 1 when any step failed.
+int set_user_group(const char* user, const char* group);
 // Removes every entry of directory whose name starts with prefix (unless -k).
+// Nothing below directory is followed: a symlink is removed as a link.
 void cleanup_scan_dir(const char* directory, const char* prefix);
+// Removes the directory path (not followed if a symlink) and everything below it.
 void remove_tree(const char* path);

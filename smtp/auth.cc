@@ -25,6 +25,8 @@ constexpr const char* PENDING = "501 Mail transaction pending\r\n";
 constexpr const char* ABORTED = "501 Authentication aborted by sender\r\n";
 constexpr const char* ACCEPTED = "235 Authentication accepted\r\n";
 constexpr const char* REJECTED = "500 Authentication rejected\r\n";
+// Logged in place of user names, passwords and their hashes, in any form.
+constexpr const char* HIDDEN = "<hidden>";
 
 constexpr int B64_ILLEGAL = -1;
 constexpr int B64_PAD = 64;
@@ -87,7 +89,7 @@ std::string decode_or_empty(const char* line, bool password) {
     dlog(
         DLOG_SMTP, 3,
         password ? "Error decoding base64 password: %s\n" : "Error decoding base64 user name: %s\n",
-        line);
+        HIDDEN);
     return std::string();
   }
   // Compared and hashed as C strings: the text ends at a decoded NUL.
@@ -111,8 +113,30 @@ Connection* login_step(int fd, void* data, CharsPtr Connection::*slot, bool pass
 
 }  // namespace
 
+std::string auth_line_for_log(const DynString* line) {
+  constexpr std::string_view BLANKS = " \t\r\n";
+  std::string_view rest(line->data, line->length);
+  std::string text(rest.substr(0, 4));
+  rest.remove_prefix(text.size());
+  for (bool first = true;; first = false) {
+    size_t start = rest.find_first_not_of(BLANKS);
+    if (start == std::string_view::npos) break;
+    bool spaced = start > 0;
+    rest.remove_prefix(start);
+    std::string_view word = rest.substr(0, rest.find_first_of(BLANKS));
+    rest.remove_prefix(word.size());
+    // The one mechanism spoken here names nothing secret. Any other word may
+    // be a credential: an initial response, or one sent where the mechanism
+    // belongs.
+    bool login = first && spaced && word.size() == 5 && strncasecmp(word.data(), "login", 5) == 0;
+    text += ' ';
+    text += login ? word : HIDDEN;
+  }
+  return text;
+}
+
 int smtp_auth(const DynString* line, Connection* conn) {
-  dlog(DLOG_SMTP, 9, "auth: %s\n", line->data);
+  dlog(DLOG_SMTP, 9, "auth: %s\n", auth_line_for_log(line).c_str());
   if (conn->transaction_pending) {
     smtp_reply(conn, PENDING);
     return conn->closed;
@@ -178,24 +202,40 @@ void password_handler(int fd, void* data) {
        accepted ? "Authentication accepted by proxy\n" : "Authentication rejected by proxy\n");
   const char* reply = accepted ? ACCEPTED : REJECTED;
   dlog(DLOG_SMTP, 4, "%p, response to password: %s", log_ptr(conn), reply);
-  smtp_reply_and_resume(conn, reply);
+  if (accepted) {
+    smtp_reply_and_resume(conn, reply);
+    return;
+  }
+  // A wrong password is a sender error like any other, so a sender guessing
+  // passwords is cut off at max_errors. The command reader checks the limit
+  // before it reads: it closes the connection now, not at the next line.
+  conn->errors += 1;
+  if (smtp_reply(conn, reply) && !conn->closed) command_handler(fd, conn);
 }
 
 bool check_local_auth(const char* user_line, const char* pass_line) {
   if (passwd_entries.empty() || user_line == nullptr || pass_line == nullptr) return false;
   std::string user = decode_or_empty(user_line, false);
   std::string pass = decode_or_empty(pass_line, true);
-  for (const PasswdEntry& entry : passwd_entries) {
-    if (entry.user != user) continue;
-    // Only the first entry of a name counts, whatever its outcome. The stored
-    // hash is its own salt; crypt reports an unusable one with null or a
-    // failure text that never equals the hash.
-    const char* hash = crypt(pass.c_str(), entry.password.c_str());
-    return hash != nullptr && entry.password == hash;
+  // Only the first entry of a name counts, whatever its outcome.
+  const PasswdEntry* entry = nullptr;
+  for (const PasswdEntry& e : passwd_entries) {
+    if (e.user == user) {
+      entry = &e;
+      break;
+    }
   }
-  return false;
+  // An unknown name costs the same crypt as a known one, so the time of the
+  // reply does not tell a guesser which names exist: the password is hashed
+  // against the first entry's hash (the table's method and cost) and the
+  // result thrown away. The stored hash is its own salt; crypt reports an
+  // unusable one with null or a failure text that never equals the hash.
+  const std::string& stored = entry != nullptr ? entry->password : passwd_entries.front().password;
+  const char* hash = crypt(pass.c_str(), stored.c_str());
+  return entry != nullptr && hash != nullptr && stored == hash;
 }
 
+// Its input is a user name or a password: never logged.
 DynString* b64_decode(std::string_view text) {
   DstrPtr out(dstr_new(static_cast<int>(text.size())));
   if (out == nullptr) fatal_exit("Out of memory: %m\n");
@@ -209,7 +249,7 @@ DynString* b64_decode(std::string_view text) {
       if (c < 33) continue;
       int value = B64_TABLE[c];
       if (value == B64_ILLEGAL) {
-        dlog(DLOG_BASE64, 1, "base64 decoding illegal char in %s\n", std::string(text).c_str());
+        dlog(DLOG_BASE64, 1, "base64 decoding illegal char in %s\n", HIDDEN);
         return nullptr;
       }
       padded[got] = value == B64_PAD;
@@ -218,7 +258,7 @@ DynString* b64_decode(std::string_view text) {
     }
     if (got == 0) return out.release();
     if (got < 4) {
-      dlog(DLOG_BASE64, 1, "Short b64 string: %s\n", std::string(text).c_str());
+      dlog(DLOG_BASE64, 1, "Short b64 string: %s\n", HIDDEN);
       return nullptr;
     }
     const char bytes[3] = {static_cast<char>(quad[0] * 4 + quad[1] / 16),

@@ -4,6 +4,7 @@
 // so that the backend dialogue can log in with them.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "smtp/smtp.h"
@@ -17,3 +18,6 @@ bool check_local_auth(const char* user_line, const char* pass_line);
 // Decoded bytes, or null on a short or illegal input. Bytes below 33 are
 // skipped wherever they stand.
 DynString* b64_decode(std::string_view text);
+// An AUTH command line as it may be logged, without its line end: the verb,
+// the mechanism when it is LOGIN, and "<hidden>" for every other word.
+std::string auth_line_for_log(const DynString* line);

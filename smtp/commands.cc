@@ -5,9 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "foundation/dlog.h"
 #include "foundation/fd.h"
+#include "smtp/auth.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
 
@@ -107,7 +109,14 @@ void command_handler(int fd, void* data) {
       close_connection(conn);
       return;
     }
-    dlog(DLOG_SMTP, 4, "%p, Command line: %s", static_cast<void*>(conn), command_line->data);
+    const SmtpCommand* command = match_command(command_line);
+    if (command != nullptr && command->handler == smtp_auth) {
+      // An AUTH line may carry a credential (an initial response).
+      std::string shown = auth_line_for_log(command_line) + "\n";
+      dlog(DLOG_SMTP, 4, "%p, Command line: %s", static_cast<void*>(conn), shown.c_str());
+    } else {
+      dlog(DLOG_SMTP, 4, "%p, Command line: %s", static_cast<void*>(conn), command_line->data);
+    }
     reset_idle_timer(conn);
 
     // A line is too long when it was cut at the limit or by end of file. The
@@ -124,7 +133,6 @@ void command_handler(int fd, void* data) {
       continue;
     }
 
-    const SmtpCommand* command = match_command(command_line);
     if (command != nullptr) {
       dlog(DLOG_SMTP, 4, "%p, Matched command: %s\n", static_cast<void*>(conn), command->verb);
       if (command->handler(command_line, conn) != 0 || conn->closed) return;

@@ -455,7 +455,9 @@ void load_auth_file() {
     char* rest = nullptr;
     const char* user = strtok_r(line, ":", &rest);
     const char* password = strtok_r(nullptr, ":", &rest);
-    dlog(DLOG_SMTP, 9, "user=%s, password=%s", user, password);
+    // Names and hashes stay out of the log; whether each is there does not.
+    dlog(DLOG_SMTP, 9, "user=%s, password=%s", user != nullptr ? "<hidden>" : "(null)",
+         password != nullptr ? "<hidden>" : "(null)");
     if (user == nullptr || password == nullptr) {
       dlog(DLOG_SMTP, 1, "Error with password file. Skipping line.\n");
       continue;

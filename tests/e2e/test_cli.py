@@ -1,6 +1,8 @@
 """Command line, start-up, signals, the scan-directory cleanup, the crash report, the watchdog."""
 
+import grp
 import os
+import pwd
 import signal
 from pathlib import Path
 
@@ -80,6 +82,32 @@ class CliTest(vb.BedTestCase):
         self.assertEqual(d.wait(), 0)
         self.assertEqual(d.stderr(), "")  # without -e nothing goes to standard error
         self.assertEqual(sorted(os.listdir(scan)), ["other", "xvigild_1"])  # without -k: cleaned
+
+    def test_start_up_fails_rather_than_keep_root_or_follow_a_planted_link(self):
+        bed = self.make_bed()
+
+        def fails(log, settings=None, wrapper=()):
+            d = bed.start_daemon(settings, wait=False, wrapper=wrapper)
+            self.assertEqual(d.wait(5), 1)
+            self.assertRegex(d.stderr(), log + r"(.*\n)*Shuting down due to the above error\.\n")
+        fails(r"Bad user: .*vigild\n(.*\n)*Bad group: .*oxb\n(.*\n)*Unknown group: oxb\nCan't switch "
+              r"to user vigild and group oxb\.\n", {"user": "no-such-user", "group": "no-such-group"})
+        ctrl = bed.host_path("/var/run/smtp_ctrl.sock")
+        ctrl.symlink_to(bed.host_path("/var/tmp/target"))
+        fails(r"Not a socket, left in place: /var/run/smtp_ctrl\.sock\nCan't initialize ctrl socket")
+        self.assertTrue(ctrl.is_symlink())
+        ctrl.unlink()
+        ctrl.parent.chmod(0o555)  # and root without the right to override that
+        fails(r"Couldn't bind ctrl socket /var/run/smtp_ctrl\.sock: Permission denied\n",
+              wrapper=["setpriv", "--bounding-set=-dac_override"])
+        # An unprivileged user keeps none of the groups it was started with.
+        d = bed.start_daemon({"user": "nobody", "group": "nogroup"},
+                             wrapper=["setpriv", "--groups=0,4"])
+        status = Path(f"/proc/{d.pid}/status").read_text()
+        for name, number in (("Uid", pwd.getpwnam("nobody").pw_uid),
+                             ("Gid", grp.getgrnam("nogroup").gr_gid)):
+            self.assertIn(f"\n{name}:" + f"\t{number}" * 4 + "\n", status)
+        self.assertRegex(status, r"\nGroups:\s*\n")
 
     def test_watchdog_restarts_a_crashed_worker_and_leaves_with_it(self):
         bed = self.make_bed()

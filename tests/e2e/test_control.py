@@ -56,9 +56,11 @@ class ControlAndDiagnosticsTest(vb.BedTestCase):
     def test_statistics_dump_sections_and_the_socket_file(self):
         bed = self.make_bed()
         ctrl = bed.host_path("/var/run/smtp_ctrl.sock")
-        ctrl.write_text("stale\n")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as stale:  # an earlier run's
+            stale.bind(str(ctrl))
+        ctrl.chmod(0o600)
         bed.start_daemon(extra_args=["-z", "/var/support/z.dump"])
-        # It listens before it makes the socket: wait for the stale file replaced.
+        # It listens before it makes the socket: wait for the stale one replaced.
         vb.wait_until(lambda: ctrl.is_socket() and ctrl.stat().st_mode == stat.S_IFSOCK | 0o777,
                       10, "the control socket, mode 0777")
         client = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
