@@ -100,15 +100,10 @@ struct DirClose {
 };
 using DirPtr = std::unique_ptr<DIR, DirClose>;
 
-struct CFree {
-  void operator()(char* p) const noexcept { free(p); }
-};
-using CStrPtr = std::unique_ptr<char, CFree>;
-
-CStrPtr join_path(const char* directory, const char* name) {
+CharsPtr join_path(const char* directory, const char* name) {
   char* path = nullptr;
   xasprintf(&path, "%s/%s", directory, name);
-  return CStrPtr(path);
+  return CharsPtr(path);
 }
 
 bool is_dot_or_dotdot(const char* name) {
@@ -171,7 +166,7 @@ void empty_dir(int fd, const char* path) {
     const dirent* entry = readdir(dir.get());
     if (entry == nullptr) break;
     if (is_dot_or_dotdot(entry->d_name)) continue;
-    CStrPtr child = join_path(path, entry->d_name);
+    CharsPtr child = join_path(path, entry->d_name);
     remove_entry(dirfd(dir.get()), entry->d_name, child.get(), child.get(), false);
   }
   if (errno != 0) dlog(DLOG_UTIL, 1, "Couldn't read directory %s: %m\n", path);
@@ -186,7 +181,7 @@ void cleanup_scan_dir(const char* directory, const char* prefix) {
   }
   char* raw_pattern = nullptr;
   xasprintf(&raw_pattern, "%s*", prefix);
-  CStrPtr pattern(raw_pattern);
+  CharsPtr pattern(raw_pattern);
   // The configured directory itself may be a symlink (to a larger disk, say);
   // what is below it is never followed.
   DirPtr dir = dir_from_fd(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC), directory);
@@ -198,7 +193,7 @@ void cleanup_scan_dir(const char* directory, const char* prefix) {
     dlog(DLOG_UTIL, 9, "Matching %s with %s\n", pattern.get(), entry->d_name);
     // "*" matches a leading dot: an empty prefix must not take ".." along.
     if (is_dot_or_dotdot(entry->d_name) || fnmatch(pattern.get(), entry->d_name, 0) != 0) continue;
-    CStrPtr path = join_path(directory, entry->d_name);
+    CharsPtr path = join_path(directory, entry->d_name);
     remove_entry(dirfd(dir.get()), entry->d_name, path.get(), entry->d_name, true);
   }
   if (errno != 0) dlog(DLOG_UTIL, 1, "Couldn't read directory %s: %m\n", directory);

@@ -25,6 +25,12 @@ int xasprintf(char** result, const char* format, ...) {
   return n + 1;
 }
 
+bool str_is_blank(const char* p, size_t n) {
+  for (size_t i = 0; i < n; i++)
+    if (!is_space(static_cast<unsigned char>(p[i]))) return false;
+  return true;
+}
+
 char* str_trim(char* s) {
   if (s == nullptr) return nullptr;
   size_t len = strlen(s);
@@ -48,4 +54,12 @@ size_t str_copy_bounded(char* destination, const char* source, size_t size) {
   memcpy(destination, source, n);
   destination[n] = '\0';
   return len;
+}
+
+char* str_field_copy(const char* text) {
+  char* copy = strdup(text);
+  if (copy == nullptr) fatal_exit("Out of memory: %m\n");
+  for (char* p = copy; *p != '\0'; p++)
+    if (static_cast<unsigned char>(*p) <= ' ' || *p == '\x7f') *p = '?';
+  return copy;
 }

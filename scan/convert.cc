@@ -75,11 +75,7 @@ bool ends_line(const DynString* piece) {
 
 // White space only; a NUL byte is not white space.
 bool is_blank_piece(const DynString* s) {
-  for (int i = 0; i < s->length; i++) {
-    char c = s->data[i];
-    if (c != ' ' && c != '\t' && c != '\n' && c != '\v' && c != '\f' && c != '\r') return false;
-  }
-  return true;
+  return str_is_blank(s->data, static_cast<size_t>(s->length));
 }
 
 [[noreturn]] void stuffing_write_failed(Stuffing mode, const char* path) {

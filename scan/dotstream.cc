@@ -9,17 +9,12 @@
 #include <cstring>
 
 #include "foundation/dlog.h"
+#include "foundation/text.h"
 
 namespace {
 
 constexpr char TERMINATOR[] = ".\r\n";
 constexpr size_t TERMINATOR_LENGTH = 3;
-
-bool is_blank(const char* p, size_t n) {
-  for (size_t i = 0; i < n; i++)
-    if (p[i] == '\0' || strchr(" \t\n\v\f\r", p[i]) == nullptr) return false;
-  return true;
-}
 
 bool ends_with_terminator(const char* p, size_t n) {
   return n >= TERMINATOR_LENGTH &&
@@ -82,7 +77,7 @@ DotResult dot_decode_piece(DotDecoder* d, const char* piece, size_t n, std::stri
     take(d, TERMINATOR, TERMINATOR_LENGTH, out);
   }
   if (d->newline) {
-    if (is_blank(piece, n)) dlog(DLOG_SMTP, 9, "End of MIME header\n");
+    if (str_is_blank(piece, n)) dlog(DLOG_SMTP, 9, "End of MIME header\n");
     if (d->after_crlf && n == TERMINATOR_LENGTH && memcmp(piece, TERMINATOR, n) == 0) {
       dlog(DLOG_SMTP, 9, "%p, normal end of data encountered, done fetching.\n", d->log_id);
       return DotResult::END;
@@ -99,7 +94,6 @@ DotResult dot_decode_piece(DotDecoder* d, const char* piece, size_t n, std::stri
   if (d->newline && n >= 2 && piece[0] == '.' && piece[1] == '.') {
     piece++;
     n--;
-    d->unstuffed = true;
   }
   if (hold) {
     dlog(DLOG_SMTP, 9, "%p, MS end of data encountered, continue to read.\n", d->log_id);

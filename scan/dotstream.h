@@ -22,7 +22,6 @@ struct DotDecoder {
   bool after_crlf = true;        // ... and the line before ended in CR LF
   bool pending_cr = false;       // a CR whose next byte has not come yet
   bool held = false;             // ".\r\n" held back by the SIZE rule
-  bool unstuffed = false;        // a leading dot was removed
   bool bare_seen = false;        // a CR or LF not part of a CR LF pair came
 };
 

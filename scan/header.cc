@@ -43,18 +43,6 @@ size_t read_piece(FILE* f, char (&buf)[PIECE_SIZE]) {
   return n;
 }
 
-bool is_space(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
-// The end of the header: a piece of white space only. A NUL is not white
-// space, so a line holding one does not end the header.
-bool is_blank_piece(const char* p, size_t n) {
-  for (size_t i = 0; i < n; i++)
-    if (!is_space(p[i])) return false;
-  return true;
-}
-
 bool starts_with_field(const char* p, size_t n, const char* field, size_t field_len) {
   return n >= field_len && strncasecmp(p, field, field_len) == 0;
 }
@@ -81,7 +69,9 @@ char* header_field_value(const char* field, const char* file_name) {
   char buf[PIECE_SIZE];
   for (;;) {
     size_t n = read_piece(file.get(), buf);
-    if (n == 0 || is_blank_piece(buf, n)) return nullptr;
+    // The end of the header: a piece of white space only. A NUL is not white
+    // space, so a line holding one does not end the header.
+    if (n == 0 || str_is_blank(buf, n)) return nullptr;
     if (starts_with_field(buf, n, field, field_len)) break;
   }
 
@@ -94,7 +84,7 @@ char* header_field_value(const char* field, const char* file_name) {
 
   while (len < VALUE_LIMIT) {
     size_t n = read_piece(file.get(), buf);
-    if (n == 0 || (buf[0] != ' ' && buf[0] != '\t') || is_blank_piece(buf, n)) break;
+    if (n == 0 || (buf[0] != ' ' && buf[0] != '\t') || str_is_blank(buf, n)) break;
     value[len++] = buf[0];
     value[len] = '\0';
     const char* line = str_trim(buf);
@@ -163,7 +153,7 @@ int rfc822_tag(const char* field, const char* tag, const char* file_name) {
   int result = 0;
   char buf[PIECE_SIZE];
   for (size_t n; (n = read_piece(in.get(), buf)) > 0;) {
-    if (is_blank_piece(buf, n)) {
+    if (str_is_blank(buf, n)) {
       // The blank line read is replaced by the second CRLF.
       fprintf(out, "%s %s\r\n\r\n", field, tag);
       result = 1;

@@ -142,17 +142,6 @@ AsServer* get_free_server() {
   return ps;
 }
 
-// The id and the sender come from the sender's message and envelope: every
-// control byte, DEL and blank becomes '?', so neither can end the request line
-// or add a field to it.
-char* request_field(const char* text) {
-  char* copy = strdup(text);
-  if (copy == nullptr) fatal_exit("spam_scan: out of memory\n");
-  for (char* p = copy; *p != '\0'; p++)
-    if (static_cast<unsigned char>(*p) <= ' ' || *p == '\x7f') *p = '?';
-  return copy;
-}
-
 void asr_free(AsRequest* r) {
   free(r->text);
   free(r);
@@ -414,7 +403,8 @@ void spam_init(const char* path, int count) {
 AsRequest* spam_scan(SpamHandler handler, void* data, const char* filename, const char* id,
                      const char* sender, int64_t size, bool bypass) {
   // An empty id would leave its field out: it is "unknown", as a missing one.
-  char* safe_id = request_field(id != nullptr && id[0] != '\0' ? id : "unknown");
+  // The id and the sender come from the sender's message and envelope.
+  char* safe_id = str_field_copy(id != nullptr && id[0] != '\0' ? id : "unknown");
   dlog(DLOG_SPAM, 9, "spam_scan: for %s id= %s\n", filename, safe_id);
   if (as.servers.empty()) {
     free(safe_id);
@@ -425,7 +415,7 @@ AsRequest* spam_scan(SpamHandler handler, void* data, const char* filename, cons
   if (r == nullptr) fatal_exit("spam_scan: out of memory\n");
   long long n = size;
   if (sender != nullptr && sender[0] != '\0') {
-    char* safe_sender = request_field(sender);
+    char* safe_sender = str_field_copy(sender);
     xasprintf(&r->text, "%s %s %lld %s\n", filename, safe_id, n, safe_sender);
     free(safe_sender);
   } else {

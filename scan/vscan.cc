@@ -81,16 +81,6 @@ char* xstrdup(const char* s) {
   return copy;
 }
 
-// The id comes from the sender's message: every control byte, DEL and blank
-// becomes '?', so it can never end the request line or add a field to it. An
-// empty id is "unknown", as a missing one.
-char* request_field(const char* text) {
-  char* copy = xstrdup(text != nullptr && text[0] != '\0' ? text : "unknown");
-  for (char* p = copy; *p != '\0'; p++)
-    if (static_cast<unsigned char>(*p) <= ' ' || *p == '\x7f') *p = '?';
-  return copy;
-}
-
 const char* client_type_word(int type) {
   static constexpr const char* words[] = {"smtp", "pop3", "http", "ftp", "nttp", "imap"};
   if (type < 1 || type > 6) fatal_exit("Unsupported scanner type: %d", type);
@@ -386,7 +376,9 @@ VscanRequest* virus_scan(const char* filename, in_addr_t from_addr, in_addr_t to
   r->filename = xstrdup(filename);
   r->from_addr = from_addr;
   r->to_addr = to_addr;
-  r->id = request_field(id);
+  // The id comes from the sender's message; an empty one is "unknown", as a
+  // missing one.
+  r->id = str_field_copy(id != nullptr && id[0] != '\0' ? id : "unknown");
   r->vst = vst;
   r->handler = handler;
   r->data = data;

@@ -235,6 +235,13 @@ bool check_local_auth(const char* user_line, const char* pass_line) {
   return entry != nullptr && hash != nullptr && stored == hash;
 }
 
+bool is_base64_line(const char* line) {
+  if (line == nullptr) return false;
+  const char* p = line;
+  while (B64_TABLE[static_cast<unsigned char>(*p)] != B64_ILLEGAL) p++;
+  return strcmp(p, "\r\n") == 0 || strcmp(p, "\n") == 0;
+}
+
 // Its input is a user name or a password: never logged.
 DynString* b64_decode(std::string_view text) {
   DstrPtr out(dstr_new(static_cast<int>(text.size())));

@@ -18,6 +18,8 @@ bool check_local_auth(const char* user_line, const char* pass_line);
 // Decoded bytes, or null on a short or illegal input. Bytes below 33 are
 // skipped wherever they stand.
 DynString* b64_decode(std::string_view text);
+// Nothing but base64 characters and "=", then CR LF or LF; false for null.
+bool is_base64_line(const char* line);
 // An AUTH command line as it may be logged, without its line end: the verb,
 // the mechanism when it is LOGIN, and "<hidden>" for every other word.
 std::string auth_line_for_log(const DynString* line);

@@ -30,15 +30,13 @@ constexpr int REPLY_LINE_MAX = 2000;
 constexpr size_t RELAY_CHUNK = 65536;
 constexpr int REPLY_LINES_PER_EVENT = 64;
 
-// The relay of a message failed before the backend took it: the backend side
-// goes (a stream cut before its end of data is discarded by the backend), the
-// message ends with the reply, its envelope stays.
-void relay_failed(Connection* conn, const char* reply) {
+// The backend failed the sender: its side goes (a stream cut before its end
+// of data is discarded by the backend), the sender hears reply and its message
+// ends, the whole transaction when whole is set (a passed-on RSET).
+void relay_failed(Connection* conn, const char* reply, bool whole = false) {
   close_backend(conn);
-  if (conn->closed) return;
-  if (!smtp_reply(conn, reply)) return;
-  txn_end_message(conn);
-  smtp_resume(conn);
+  if (conn->closed || !smtp_reply(conn, reply)) return;
+  txn_answered(conn, whole);
 }
 
 void start_failed(Connection* conn) {
@@ -194,14 +192,7 @@ void be_timeout(Connection* conn) {
   dlog(DLOG_SMTP, 1, "%p, Backend timeout. backend=%s(%d), sender=%s(%d)\n", log_ptr(conn),
        Dotted(conn->receiver_addr).text, port_of(conn->receiver_addr),
        Dotted(conn->sender_addr).text, port_of(conn->sender_addr));
-  const bool rset = conn->be_state == BE_RSET;
-  close_backend(conn);
-  if (conn->closed || !smtp_reply(conn, "451 Internal Error\r\n")) return;
-  if (rset)
-    txn_end(conn);
-  else
-    txn_end_message(conn);
-  smtp_resume(conn);
+  relay_failed(conn, "451 Internal Error\r\n", conn->be_state == BE_RSET);
 }
 
 void be_connected(int fd, int error, void* data) {
@@ -300,7 +291,7 @@ void close_backend(Connection* conn) {
 
 int be_send_file(Connection* conn) {
   if (conn->closed) return 1;
-  Message* m = conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
+  Message* m = txn_message(conn);
   if (m == nullptr || m->file == nullptr) return 1;
   // The idle time-out keeps running: every chunk the backend takes re-arms
   // it, so only a backend that stops reading runs into it.

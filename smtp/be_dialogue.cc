@@ -12,6 +12,7 @@
 #include "foundation/fatal.h"
 #include "foundation/text.h"
 #include "scan/dsn.h"
+#include "smtp/auth.h"
 #include "smtp/backend.h"
 #include "smtp/config.h"
 #include "smtp/verdict.h"
@@ -102,15 +103,6 @@ bool announces_8bitmime(const DynString* line) {
   return strncasecmp(keyword, "8BITMIME", 8) == 0 && strchr(" \r\n", keyword[8]) != nullptr;
 }
 
-// The sender's AUTH lines are passed on as typed, so they must be nothing
-// but base64 and their line end: a stray CR inside one would be a line end,
-// and a command, to some backends.
-bool is_base64_line(const char* line) {
-  if (line == nullptr) return false;
-  size_t n = strspn(line, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=");
-  return strcmp(line + n, "\r\n") == 0 || strcmp(line + n, "\n") == 0;
-}
-
 // A refused AUTH step: the message goes on unauthenticated after an RSET.
 int auth_rset(Connection* conn) {
   if (!send_command(conn, "RSET\r\n", false)) return 1;
@@ -156,6 +148,8 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
   if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in EHLO state: %s");
   if (announces_8bitmime(line)) conn->be_8bitmime = true;
   if (more) return 0;
+  // The sender's lines are passed on as typed: only plain base64 ones, since
+  // a stray CR inside one would be a line end, and a command, to some backends.
   if (config.passthrough_auth && is_base64_line(conn->auth_user.get()) &&
       is_base64_line(conn->auth_pass.get())) {
     if (!send_command(conn, "auth login\r\n", false)) return 1;
@@ -166,9 +160,8 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
   return send_mail_from(conn, line, "%p, unexpected error in BE_EHLO state - null maill from\n");
 }
 
-// The sender's commands are read while the message is relayed, so a new
-// AUTH may free or replace the stored line at any time: a copy goes out, and
-// a missing line ends the attempt.
+// A queued write owns its buffer until it is out, so the stored line goes
+// out as a copy; a missing line ends the attempt.
 char* auth_line_copy(Connection* conn, const char* stored, const DynString* line) {
   if (stored != nullptr) {
     char* copy = strdup(stored);
@@ -257,7 +250,7 @@ int on_data(Connection* conn, const DynString* line, int c, bool more) {
 // The refused recipients listed in a notification to the message's sender.
 void notify_refused(Connection* conn) {
   const Transaction* txn = conn->txn.get();
-  const Message* m = txn->msg.get();
+  const Message* m = txn_message(conn);
   DsnMessage note{conn, txn->from->data, {}, m != nullptr && m->file ? m->file->fd : -1};
   for (auto it = txn->failed_rcpts.rbegin(); it != txn->failed_rcpts.rend(); ++it)
     note.refused.push_back((*it)->data);
@@ -273,14 +266,12 @@ int on_sent_data(Connection* conn, const DynString* line, int c, bool more) {
   if (!smtp_reply(conn, "250 OK\r\n") || conn->closed) return 1;
   dlog(DLOG_SMTP, 4, "%p, response to sender DATA: 250 OK\n", log_ptr(conn));
   if (!conn->txn->failed_rcpts.empty()) notify_refused(conn);
-  txn_end(conn);
   go_idle(conn);
-  smtp_resume(conn);
+  txn_answered(conn, true);
   return 0;
 }
 
 int on_rset(Connection* conn, const DynString* line) {
-  txn_end(conn);
   if (write_line_copy(conn->sender_fd, line, sender_write_callback, conn) != 0) {
     close_connection(conn);
     return 1;
@@ -288,7 +279,7 @@ int on_rset(Connection* conn, const DynString* line) {
   if (conn->closed) return 1;
   dlog(DLOG_SMTP, 4, "%p, response to sender RESET: %s\n", log_ptr(conn), line->data);
   go_idle(conn);
-  smtp_resume(conn);
+  txn_answered(conn, true);
   return 0;
 }
 
@@ -342,12 +333,7 @@ void be_problem(Connection* conn, const DynString* reply) {
     return;
   }
   close_backend(conn);
-  if (conn->closed || !answer) return;
-  if (rset)
-    txn_end(conn);
-  else
-    txn_end_message(conn);
-  smtp_resume(conn);
+  if (!conn->closed && answer) txn_answered(conn, rset);
 }
 
 int be_handle_line(Connection* conn, DynString* line) {

@@ -9,6 +9,7 @@
 
 #include "foundation/dlog.h"
 #include "foundation/fd.h"
+#include "foundation/text.h"
 #include "smtp/auth.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
@@ -67,11 +68,7 @@ const SmtpCommand* match_command(const DynString* line) {
 }  // namespace
 
 bool is_blank(const DynString* s) {
-  if (s == nullptr) return true;
-  for (int i = 0; i < s->length; ++i) {
-    if (strchr(" \t\n\v\f\r", s->data[i]) == nullptr || s->data[i] == '\0') return false;
-  }
-  return true;
+  return s == nullptr || str_is_blank(s->data, static_cast<size_t>(s->length));
 }
 
 void command_handler(int fd, void* data) {

@@ -76,12 +76,7 @@ void end_of_data(Connection* conn, Message* m) {
   if (!smtp_reply(conn, reply)) return;
   dlog(DLOG_SMTP, 4, "%p, response to DATA: %.*s\n", log_ptr(conn),
        static_cast<int>(strlen(reply) - 2), reply);
-  txn_end_message(conn);
-  smtp_resume(conn);
-}
-
-Message* message_of(Connection* conn) {
-  return conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
+  txn_answered(conn, false);
 }
 
 }  // namespace
@@ -152,8 +147,7 @@ int smtp_data(const DynString*, Connection* conn) {
 void data_handler(int fd, void* data) {
   auto* conn = static_cast<Connection*>(data);
   dlog(DLOG_SMTP, 9, "Inside data_handler\n");
-  if (conn == nullptr || conn->closed) return;
-  Message* m = message_of(conn);
+  Message* m = txn_message(conn);
   if (m == nullptr) return;
   reset_idle_timer(conn);
 
@@ -197,7 +191,7 @@ void data_handler(int fd, void* data) {
 }
 
 void finish_data(Connection* conn) {
-  Message* m = message_of(conn);
+  Message* m = txn_message(conn);
   conn->txn->phase = TxnPhase::SCANNING;
   m->msgid.reset(header_field_value("message-id:", m->file->name.c_str()));
   const char* msgid = m->msgid.get();
@@ -227,8 +221,7 @@ void finish_data(Connection* conn) {
 void av_scan_timeout(void* data) {
   auto* conn = static_cast<Connection*>(data);
   dlog(DLOG_SMTP, 3, "AV scan timed out on connection %p\n", data);
-  if (conn == nullptr || conn->closed) return;
-  Message* m = message_of(conn);
+  Message* m = txn_message(conn);
   if (m == nullptr) return;
   m->scan_timer.release();  // it has fired; the timer module frees it
   virus_callback(SCAN_TIMEOUT, conn);
@@ -236,8 +229,7 @@ void av_scan_timeout(void* data) {
 
 void spam_scan_timeout(void* data) {
   auto* conn = static_cast<Connection*>(data);
-  if (conn == nullptr || conn->closed) return;
-  Message* m = message_of(conn);
+  Message* m = txn_message(conn);
   if (m == nullptr) return;
   dlog(DLOG_SMTP, 3, "Spam scan timed out on connection %p, scan file=%s\n", data,
        m->file->name.c_str());

@@ -54,7 +54,7 @@ void dump_connection(FILE* out, const Connection* c) {
   fprintf(out, "my_receiver_addr %s ", inet_ntoa(c->my_receiver_addr.sin_addr));
   fprintf(out, "my_sender_addr %s\n", inet_ntoa(c->my_sender_addr.sin_addr));
   const Transaction* txn = c->txn.get();
-  const Message* m = txn != nullptr ? txn->msg.get() : nullptr;
+  const Message* m = txn_message(c);
   fprintf(out, "num rcpts %d: ", txn != nullptr ? static_cast<int>(txn->rcpts.size()) : 0);
   if (txn != nullptr) {
     for (auto r = txn->rcpts.rbegin(); r != txn->rcpts.rend(); ++r) fprintf(out, "%s ", (*r)->data);

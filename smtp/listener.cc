@@ -267,6 +267,18 @@ void txn_end_message(Connection* conn) {
   conn->txn->phase = TxnPhase::ENVELOPE;
 }
 
+void txn_answered(Connection* conn, bool whole) {
+  if (whole)
+    txn_end(conn);
+  else
+    txn_end_message(conn);
+  smtp_resume(conn);
+}
+
+Message* txn_message(const Connection* conn) {
+  return conn != nullptr && conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
+}
+
 TxnPhase txn_phase(const Connection* conn) {
   return conn->txn != nullptr ? conn->txn->phase : TxnPhase::ENVELOPE;
 }

@@ -102,8 +102,14 @@ void txn_end(Connection* conn);
 // Ends the message of the transaction and keeps its envelope, so the sender
 // may send DATA again: after a refusal, a drop or a failure.
 void txn_end_message(Connection* conn);
+// After the final reply of a message: the message ends (the whole
+// transaction when whole is set) and the sender's commands are read again.
+void txn_answered(Connection* conn, bool whole);
 // The transaction's phase; ENVELOPE when there is none.
 TxnPhase txn_phase(const Connection* conn);
+// The message of the transaction; null when there is none, and so for a null
+// or closed connection (closing ends the transaction).
+Message* txn_message(const Connection* conn);
 // Completion handler of every reply to the sender; data is the Connection.
 void sender_write_callback(int fd, int status, void* data);
 void idle_timeout_handler(void* data);

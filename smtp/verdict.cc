@@ -20,24 +20,17 @@
 
 namespace {
 
-Message* message_of(Connection* conn) {
-  return conn->txn != nullptr ? conn->txn->msg.get() : nullptr;
-}
-
 // The sender hears the refusal and may go on with its next transaction. A
 // reply that cannot be written has closed the connection (smtp_reply).
 void refuse(Connection* conn, const char* reply, const char* log_after = nullptr) {
   if (!smtp_reply(conn, reply)) return;
   if (log_after != nullptr) dlog(DLOG_SMTP, 4, log_after, log_ptr(conn));
-  txn_end_message(conn);
-  smtp_resume(conn);
+  txn_answered(conn, false);
 }
 
 void drop(Connection* conn) {
   reply_discard_ok(conn);
-  if (conn->closed) return;
-  txn_end_message(conn);
-  smtp_resume(conn);
+  if (!conn->closed) txn_answered(conn, false);
 }
 
 // One row of the virus verdict table. A row whose setting is off (block is
@@ -142,14 +135,9 @@ void reply_discard_ok(Connection* conn) {
   smtp_reply(conn, "250 OK\r\n");
 }
 
-void refuse_message(Connection* conn, const char* reply) {
-  refuse(conn, reply);
-}
-
 void spam_callback(void* data, int result) {
   auto* conn = static_cast<Connection*>(data);
-  if (conn == nullptr || conn->closed) return;
-  Message* m = message_of(conn);
+  Message* m = txn_message(conn);
   if (m == nullptr) return;
   dlog(DLOG_SMTP, 4, "%p, spam_callback r = %#x\n", data, result);
   m->scan_timer.reset();
@@ -194,8 +182,7 @@ void spam_callback(void* data, int result) {
 
 void virus_callback(int result, void* data) {
   auto* conn = static_cast<Connection*>(data);
-  if (conn == nullptr || conn->closed) return;
-  Message* m = message_of(conn);
+  Message* m = txn_message(conn);
   if (m == nullptr) return;
   dlog(DLOG_SMTP, 4, "%p, virus_callback r = %#x\n", data, result);
   m->scan_timer.reset();

@@ -23,6 +23,3 @@ void spam_callback(void* data, int result);
 void virus_callback(int result, void* data);
 // "250 OK" for a silently dropped message; a failed write closes conn.
 void reply_discard_ok(Connection* conn);
-// The reply that ends a message without relaying it: the message's files go,
-// its envelope stays, and the sender's commands are read again.
-void refuse_message(Connection* conn, const char* reply);
