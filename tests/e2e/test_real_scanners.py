@@ -13,8 +13,6 @@ TEST_VIRUS = b"VIGILD-REAL-SCANNER-TEST-VIRUS-4d1c"
 VIRUS_REPLY = b"552 Seems to have a virus (signature).\r\n"
 
 
-def body(text):
-    return b"Subject: real scanners\r\nMessage-ID: <r@real.test>\r\n\r\nHello,\r\n" + text + b"\r\n"
 
 
 class RealScannerCase(unittest.TestCase):
@@ -27,26 +25,17 @@ class RealScannerCase(unittest.TestCase):
             raise unittest.SkipTest(reason)
         if not shutil.which(cls.program, path="/usr/sbin:/usr/bin"):
             raise unittest.SkipTest(f"{cls.program} is not installed (scripts/deps.sh)")
-        cls.bed = vb.Bed("vgreal")
-        try:
-            cls.backend = cls.bed.start_backend()
-            cls.service = None
-            cls.start_service()
-        except BaseException:
-            cls.tearDownClass()
-            raise
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.stop_service()
-        cls.bed.close()
+        cls.bed, cls.service = vb.Bed("vgreal"), None
+        cls.addClassCleanup(cls.bed.close)
+        cls.addClassCleanup(cls.stop_service)
+        cls.backend = cls.bed.start_backend()
+        cls.start_service()
 
     @classmethod
     def run_service(cls, argv, ready):  # ready: a daemon path the service makes when it serves
-        log = open(cls.bed.root / f"{cls.program}.log", "wb")
-        cls.service = subprocess.Popen(cls.bed.ns.command(argv), stdin=subprocess.DEVNULL,
-                                       stdout=log, stderr=log)
-        log.close()
+        with open(cls.bed.root / f"{cls.program}.log", "wb") as log:
+            cls.service = subprocess.Popen(cls.bed.ns.command(argv), stdin=subprocess.DEVNULL,
+                                           stdout=log, stderr=log)
         vb.wait_until(lambda: cls.service.poll() is not None or ready(), 60, cls.program)
         if cls.service.poll() is not None:
             raise AssertionError((cls.bed.root / f"{cls.program}.log").read_text()[-2000:])
@@ -57,22 +46,18 @@ class RealScannerCase(unittest.TestCase):
             cls.service.terminate()
             cls.service.wait(20)
 
-    def daemon(self, settings):
-        self.addCleanup(lambda: self.bed.daemon.stop())
-        return self.bed.start_daemon({"idle_timeout": "60", **settings})
-
     def send(self, text, sender="alice@real.test"):  # the final reply to one message
         c = self.bed.connect()
         for line, expected in message(sender, ["rcpt@real.test"]):
             self.assertTrue(c.cmd(line).startswith(expected), line)
-        c.send(body(text) + b".\r\n")
+        c.send(b"Subject: real scanners\r\n\r\nHello,\r\n" + text + b"\r\n.\r\n")
         return c.read_reply(timeout=30)
 
     def relayed(self):
         return [m for s in self.backend.sessions for m in s.messages]
 
     def expect(self, settings, cases):  # [(body text, reply, relayed)] with a fresh daemon
-        self.daemon(settings)
+        self.addCleanup(self.bed.start_daemon({"idle_timeout": "60", **settings}).stop)
         for text, reply, relayed in cases:
             with self.subTest(text=text[:20], settings=settings):
                 before = len(self.relayed())
@@ -80,8 +65,7 @@ class RealScannerCase(unittest.TestCase):
                 if relayed:
                     self.backend.wait_for(lambda b: len(self.relayed()) > before)
                     self.assertIn(text, self.relayed()[-1])
-                else:
-                    self.assertEqual(len(self.relayed()), before)
+                self.assertEqual(len(self.relayed()), before + relayed)
         self.bed.daemon.stop()
 
 
