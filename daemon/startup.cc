@@ -17,6 +17,7 @@
 #include "foundation/dump.h"
 #include "foundation/text.h"
 #include "net/tproxy.h"
+#include "scan/clamd.h"
 #include "scan/spam.h"
 #include "scan/vscan.h"
 #include "smtp/config.h"
@@ -59,10 +60,12 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   read_config(common_file, proxy_file);
   cleanup_scan_dir(config.scan_dir, config.scan_prefix);
 
-  int wanted = 3 * config.max_connections + config.as_connections + RESERVED_FDS;
+  // clamd's scans each stream over a connection of their own, beside a probe.
+  int scanner_fds = config.scanner_protocol == VscanProtocol::CLAMD ? CLAMD_MAX_STREAMS + 1 : 0;
+  int wanted = 3 * config.max_connections + config.as_connections + scanner_fds + RESERVED_FDS;
   if (wanted < MIN_FDS) wanted = MIN_FDS;
   config.num_fds = comm_init(wanted);
-  int fit = (config.num_fds - config.as_connections - RESERVED_FDS) / 3;
+  int fit = (config.num_fds - config.as_connections - scanner_fds - RESERVED_FDS) / 3;
   if (fit < config.max_connections) config.max_connections = fit;
   dlog(DLOG_SMTP, 7, "config.num_fds=%d max_connections %d\n", config.num_fds,
        config.max_connections);
@@ -89,13 +92,20 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   // A dump runs its sections newest registration first, so this order puts
   // the connections before the virus scanner client and both before the
   // event loop, the timers, the signals and the log registered earlier.
-  vs_init(config.scanner_addr, 1);
+  if (config.scanner_protocol == VscanProtocol::CLAMD)
+    vs_init(config.clamd_socket, 1, VscanProtocol::CLAMD);
+  else
+    vs_init(config.scanner_addr, 1);
   // Going on as root after a failed switch would hand root to whoever finds
   // a flaw in the parsing of what senders send.
   if (set_user_group(config.user, config.group) != 0)
     fatal_exit("Can't switch to user %s and group %s.\n", config.user, config.group);
   smtp_init_listener();
-  spam_init(config.as_socket_path, config.as_connections);
+  if (config.antispam_protocol == SpamProtocol::NATIVE)
+    spam_init(config.antispam_addr, config.as_connections);
+  else
+    spam_init_remote(config.antispam_protocol, config.antispam_addr, config.as_connections,
+                     config.spam_reject_score);
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include "foundation/fd.h"
 #include "foundation/lstream.h"
 #include "foundation/text.h"
+#include "scan/spamd.h"
 
 struct AsServer;
 
@@ -35,6 +36,7 @@ struct AsRequest {
   void* data;
   // Its line went out and no reply was read for it yet.
   bool awaiting;
+  SpamdJob* remote;  // the spamd or rspamd check carrying it, with those protocols
 };
 
 struct AsServer {
@@ -75,6 +77,7 @@ struct SpamState {
   sockaddr_un addr{};
   DynString* line = nullptr;
   bool as_down = true;
+  bool remote = false;  // spamd or rspamd in place of the pool
   // The server inside as_send's comm_write: a write failing at once is
   // reported by as_send's result, not by the completion handler.
   AsServer* sending = nullptr;
@@ -447,7 +450,24 @@ AsRequest* spam_scan(SpamHandler handler, void* data, const char* filename, cons
   return r;
 }
 
+void spam_init_remote(SpamProtocol protocol, const char* addr, int count, double reject_score) {
+  as.remote = true;
+  spamd_init(protocol, addr, count, reject_score);
+}
+
+AsRequest* spam_check(SpamHandler handler, void* data, const char* filename, const char* id,
+                      const SpamEnvelope& envelope, int64_t size, bool bypass) {
+  if (!as.remote) return spam_scan(handler, data, filename, id, envelope.from, size, bypass);
+  SpamdJob* job = spamd_scan(handler, data, filename, envelope, size, bypass);
+  if (job == nullptr) return nullptr;
+  auto* r = static_cast<AsRequest*>(calloc(1, sizeof(AsRequest)));
+  if (r == nullptr) fatal_exit("spam_check: out of memory\n");
+  r->remote = job;
+  return r;
+}
+
 void spam_cancel(AsRequest* r) {
+  if (r->remote != nullptr) spamd_cancel(r->remote);
   asr_remove(r);
   // A server that was reconnected under a request no longer carries it.
   if (r->ps != nullptr && r->ps->asr == r) {
@@ -458,6 +478,8 @@ void spam_cancel(AsRequest* r) {
 }
 
 void spam_shutdown() {
+  spamd_shutdown();
+  as.remote = false;
   while (as.pending_head != nullptr) {
     AsRequest* r = as.pending_head;
     as.pending_head = r->next;

@@ -22,6 +22,7 @@
 #include "foundation/fd.h"
 #include "foundation/lstream.h"
 #include "foundation/text.h"
+#include "scan/clamd.h"
 
 struct VscanRequest {
   VscanRequest* next;  // older
@@ -34,6 +35,7 @@ struct VscanRequest {
   VscanHandler handler;
   void* data;
   uint32_t num;
+  ClamdJob* clamd;  // the clamd scan carrying it, with that protocol
 };
 
 namespace {
@@ -65,6 +67,7 @@ struct VscanState {
   // next_num went out on it.
   uint32_t first_num = 1;
   bool dump_registered = false;
+  bool clamd = false;
 };
 
 VscanState vs;
@@ -352,7 +355,7 @@ void vs_connect() {
 
 }  // namespace
 
-void vs_init(const char* path, int client_type) {
+void vs_init(const char* path, int client_type, VscanProtocol protocol) {
   dlog(DLOG_VSCAN, 1, "Initializing virus module\n");
   vs.scanner_addr.sun_family = AF_UNIX;
   str_copy_bounded(vs.scanner_addr.sun_path, path, sizeof(vs.scanner_addr.sun_path));
@@ -362,12 +365,17 @@ void vs_init(const char* path, int client_type) {
   vs.dump_registered = true;
   if (vs.line == nullptr) vs.line = dstr_new(100);
   if (vs.line == nullptr) fatal_exit("vs_init: out of memory\n");
-  vs_connect();
+  vs.clamd = protocol == VscanProtocol::CLAMD;
+  if (vs.clamd)
+    clamd_init(path);
+  else
+    vs_connect();
 }
 
 VscanRequest* virus_scan(const char* filename, in_addr_t from_addr, in_addr_t to_addr,
                          const char* id, int vst, VscanHandler handler, void* data, bool bypass) {
-  if (vs.connection_state != 2 && bypass) {
+  bool up = vs.clamd ? clamd_up() : vs.connection_state == 2;
+  if (!up && bypass) {
     handler(0, data);
     return nullptr;
   }
@@ -391,7 +399,10 @@ VscanRequest* virus_scan(const char* filename, in_addr_t from_addr, in_addr_t to
   if (vs.vs_head != nullptr) vs.vs_head->prev = r;
   vs.vs_head = r;
   if (vs.vs_tail == nullptr) vs.vs_tail = r;
-  vs_send(r);
+  if (vs.clamd)
+    r->clamd = clamd_scan(r->filename, handler, data, bypass);
+  else
+    vs_send(r);
   return r;
 }
 
@@ -399,14 +410,16 @@ void vscan_cancel(VscanRequest* r) {
   if (r == nullptr) return;
   dlog(DLOG_VSCAN, 9, "vscan_cancel num %d pvr %p handler %p data %p\n", static_cast<int>(r->num),
        static_cast<void*>(r), reinterpret_cast<void*>(r->handler), r->data);
+  clamd_cancel(r->clamd);
   vs_remove(r);
   vs_free(r);
 }
 
 void vs_dump(FILE* stream) {
   fprintf(stream, "vscan dump:\n");
-  fprintf(stream, "connection_state %d scanner_fd %d scanner_addr: %s\n", vs.connection_state,
-          vs.scanner_fd, vs.scanner_addr.sun_path);
+  int state = vs.clamd ? (clamd_up() ? 2 : 1) : vs.connection_state;
+  fprintf(stream, "connection_state %d scanner_fd %d scanner_addr: %s\n", state, vs.scanner_fd,
+          vs.scanner_addr.sun_path);
   fprintf(stream, "connect_handle %p vs_head %p vs_tail %p line %p stream %p\n",
           static_cast<void*>(vs.connect_handle), static_cast<void*>(vs.vs_head),
           static_cast<void*>(vs.vs_tail), static_cast<void*>(vs.line),
@@ -418,6 +431,7 @@ void vs_dump(FILE* stream) {
     fprintf(stream, "to %s vst %d num %d\n", inet_ntoa(in_addr{r->to_addr}), r->vst,
             static_cast<int>(r->num));
   }
+  if (vs.clamd) clamd_dump(stream);
 }
 
 void vs_shutdown() {
@@ -429,6 +443,8 @@ void vs_shutdown() {
   vs.stream = nullptr;
   dstr_free(vs.line);
   vs.line = nullptr;
+  clamd_shutdown();  // frees the jobs the requests point at
+  vs.clamd = false;
   while (vs.vs_head != nullptr) {
     VscanRequest* r = vs.vs_head;
     vs_remove(r);

@@ -17,9 +17,13 @@ struct VscanRequest;
 // the scanner stayed unreachable).
 using VscanHandler = void (*)(int result, void* data);
 
+// The scanner's protocol: the native numbered lines, or ClamAV's clamd.
+enum class VscanProtocol { NATIVE, CLAMD };
+
 // Start-up, before the user switch: client_type 1 is "smtp". Registers the
-// state-dump section and starts connecting.
-void vs_init(const char* path, int client_type);
+// state-dump section and starts connecting. With CLAMD, path is clamd's socket
+// and the scans stream the files' content to it.
+void vs_init(const char* path, int client_type, VscanProtocol protocol = VscanProtocol::NATIVE);
 // Queues a scan of filename (addresses in network byte order; id null means
 // "unknown"). With the scanner not connected and bypass set, the handler runs
 // at once with 0 and null is returned.

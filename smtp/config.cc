@@ -6,8 +6,10 @@
 #include <strings.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -257,6 +259,48 @@ void read_names_and_paths() {
   }
 }
 
+// The protocols are named; an unknown name keeps the one in force.
+template <typename E, size_t N>
+void read_protocol(const char* key, const std::array<std::pair<const char*, E>, N>& names,
+                   E* field) {
+  const char* v = proxy_var(key);
+  if (v == nullptr) return;
+  for (const auto& [name, value] : names) {
+    if (strcasecmp(v, name) != 0) continue;
+    *field = value;
+    return;
+  }
+  dlog(
+      DLOG_SMTP, 1, "Illegal %s %s. Using %s\n", key, v,
+      std::find_if(names.begin(), names.end(), [&](auto& n) { return n.second == *field; })->first);
+}
+
+void read_scanner_keys() {
+  read_protocol<VscanProtocol, 2>(
+      "scanner_protocol", {{{"native", VscanProtocol::NATIVE}, {"clamd", VscanProtocol::CLAMD}}},
+      &config.scanner_protocol);
+  get_string(CONFIG_PROXY_SECTION, "clamd_socket", &config.clamd_socket);
+  read_protocol<SpamProtocol, 3>("antispam_protocol",
+                                 {{{"native", SpamProtocol::NATIVE},
+                                   {"spamd", SpamProtocol::SPAMD},
+                                   {"rspamd", SpamProtocol::RSPAMD}}},
+                                 &config.antispam_protocol);
+  get_string(CONFIG_PROXY_SECTION, "antispam_addr", &config.antispam_addr);
+  if (config.antispam_addr == nullptr) {
+    constexpr const char* DEFAULTS[] = {nullptr, "127.0.0.1:783", "127.0.0.1:11333"};
+    const char* d = DEFAULTS[static_cast<int>(config.antispam_protocol)];
+    config.antispam_addr = d != nullptr ? d : config.as_socket_path;
+  }
+  if (const char* v = proxy_var("spam_reject_score")) {
+    char* end = nullptr;
+    double score = strtod(v, &end);
+    if (end == v || *end != '\0' || !std::isfinite(score))
+      dlog(DLOG_SMTP, 1, "Illegal spam_reject_score. Using %.1f\n", config.spam_reject_score);
+    else
+      config.spam_reject_score = score;
+  }
+}
+
 void set_owned_text(const char** field, char* text) {
   config_set_string(field, text);
   free(text);
@@ -322,6 +366,7 @@ void read_config(const char* common_file, const char* proxy_file) {
   read_session_keys();
   read_names_and_paths();
   for (const PlainKey& k : PLAIN_KEYS) read_plain_key(k);
+  read_scanner_keys();
   ini_clear();
 
   build_replies();

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "foundation/dstr.h"
+#include "scan/spam.h"
+#include "scan/vscan.h"
 
 constexpr const char* VIGILD_COMMON_CONFIG = "/etc/av/norvik.conf";
 constexpr const char* VIGILD_PROXY_CONFIG = "/etc/av/vigild.conf";
@@ -64,6 +66,15 @@ struct Config {
   bool support_8bitmime = true;
   long long max_spam_scan_size = 51200;
   BareLineEnds bare_line_ends = BareLineEnds::NORMALIZE;
+  // The scanners other than the native ones: ClamAV's clamd for viruses,
+  // spamd or rspamd for spam.
+  VscanProtocol scanner_protocol = VscanProtocol::NATIVE;
+  const char* clamd_socket = "/run/clamav/clamd.ctl";
+  SpamProtocol antispam_protocol = SpamProtocol::NATIVE;
+  // Null until read_config fills in the protocol's default (the native
+  // socket, 127.0.0.1:783 for spamd, 127.0.0.1:11333 for rspamd).
+  const char* antispam_addr = nullptr;
+  double spam_reject_score = 10.0;  // spamd: spam at or above it is refused
 
   int num_fds = 0;  // set by start-up from the descriptor budget
 

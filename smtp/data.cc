@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "foundation/dlog.h"
 #include "foundation/fatal.h"
@@ -210,9 +211,20 @@ void finish_data(Connection* conn) {
   m->scan_timer.reset(timer_add(config.scanner_timeout, spam_scan_timeout, conn));
   // The handler may run inside this call (no free connection with bypass)
   // and end the message; a request is returned only when it has not.
-  AsRequest* request =
-      spam_scan(spam_callback, conn, m->file->name.c_str(), msgid, conn->txn->from->data,
-                config.max_spam_scan_size, config.spam_bypass);
+  char sender_ip[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &conn->sender_addr.sin_addr, sender_ip, sizeof(sender_ip));
+  std::vector<const char*> rcpts;
+  for (const DstrPtr& r : conn->txn->rcpts) rcpts.push_back(r->data);
+  const char* name = m->file->name.c_str();
+  const char* slash = strrchr(name, '/');
+  SpamEnvelope envelope{sender_ip,
+                        conn->helo_domain ? conn->helo_domain->data : nullptr,
+                        conn->txn->from->data,
+                        rcpts.data(),
+                        rcpts.size(),
+                        slash != nullptr ? slash + 1 : name};
+  AsRequest* request = spam_check(spam_callback, conn, name, msgid, envelope,
+                                  config.max_spam_scan_size, config.spam_bypass);
   if (request != nullptr) m->spam_request.reset(request);
   dlog(DLOG_SMTP, 7, "New spam request %p for connection %p\n", static_cast<void*>(request),
        log_ptr(conn));
