@@ -1,7 +1,5 @@
-// Fuzzes the PROXY header parser: whatever the bytes, it stays within them,
-// a header it takes is no longer than the input or the bound, and the same
-// bytes fed in two pieces (as a socket delivers them) give the same verdict
-// once the first piece asks for more.
+// Fuzzes the PROXY header parser: it stays within the bytes and the bound, and
+// no prefix of the input (as a socket delivers it) gets a different verdict.
 #include <cstddef>
 #include <cstdint>
 
