@@ -1,4 +1,5 @@
 #include <getopt.h>
+#include <linux/capability.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -98,7 +99,11 @@ void proxy_init(const char* common_file, const char* proxy_file) {
     vs_init(config.scanner_addr, 1);
   // Going on as root after a failed switch would hand root to whoever finds
   // a flaw in the parsing of what senders send.
-  if (set_user_group(config.user, config.group) != 0)
+  // Binding to a sender's address needs CAP_NET_RAW (or CAP_NET_ADMIN): the
+  // smaller of the two is all that is kept, and only in that mode.
+  const bool mainline =
+      config.address_transparent && config.transparent_method == TransparentMethod::MAINLINE;
+  if (set_user_group(config.user, config.group, mainline ? CAP_NET_RAW : -1) != 0)
     fatal_exit("Can't switch to user %s and group %s.\n", config.user, config.group);
   smtp_init_listener();
   if (config.antispam_protocol == SpamProtocol::NATIVE)

@@ -4,10 +4,13 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <netinet/tcp.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,7 +50,20 @@ int make_listen_socket(const sockaddr_in* address, int backlog) {
 // nor any supplementary group it inherited from whoever started it. Every step
 // is checked and the result verified; a switch that cannot be made is a
 // failure start-up does not survive.
-int set_user_group(const char* user, const char* group) {
+namespace {
+
+// Permitted and effective sets become just cap. The raw call spares the
+// daemon a library for one system call.
+bool keep_only_capability(int cap) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+  data[CAP_TO_INDEX(cap)].permitted = data[CAP_TO_INDEX(cap)].effective = CAP_TO_MASK(cap);
+  return syscall(SYS_capset, &header, data) == 0;
+}
+
+}  // namespace
+
+int set_user_group(const char* user, const char* group, int keep_cap) {
   if (getuid() != 0) {
     dlog(DLOG_UTIL, 1, "Not root. Can't set user.\n");
     return 1;
@@ -73,9 +89,23 @@ int set_user_group(const char* user, const char* group) {
     dlog(DLOG_UTIL, 1, "Can't set group %s: %m\n", group);
     return 1;
   }
+  // Without it setuid would clear the permitted set, and the capability
+  // could not be kept.
+  const bool keep = keep_cap >= 0 && uid != 0;
+  if (keep && prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) < 0) {
+    dlog(DLOG_UTIL, 1, "Can't keep capabilities: %m\n");
+    return 1;
+  }
   if (setuid(uid) < 0) {
     dlog(DLOG_UTIL, 1, "Can't set user %s: %m\n", user);
     return 1;
+  }
+  if (keep) {
+    if (!keep_only_capability(keep_cap) || prctl(PR_SET_KEEPCAPS, 0, 0, 0, 0) < 0) {
+      dlog(DLOG_UTIL, 1, "Can't keep only capability %d: %m\n", keep_cap);
+      return 1;
+    }
+    dlog(DLOG_UTIL, 5, "Kept capability %d for transparent connections\n", keep_cap);
   }
   uid_t ruid, euid, suid;
   gid_t rgid, egid, sgid;

@@ -134,3 +134,15 @@ int bind_local(int sock, sockaddr_in* address) {
   routes_reload();
   return error;
 }
+
+int bind_foreign(int sock, const sockaddr_in* source) {
+  const int one = 1;
+  if (setsockopt(sock, SOL_IP, IP_TRANSPARENT, &one, sizeof one) != 0) return -1;
+  // Best effort: without it bind picks the port at once, which only narrows
+  // the ports a busy sender's connections can share.
+  setsockopt(sock, SOL_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr = source->sin_addr;
+  return bind(sock, reinterpret_cast<const sockaddr*>(&local), sizeof local);
+}

@@ -71,6 +71,12 @@ int tproxy_c2p(int sock, int fd, const sockaddr_in* src, const sockaddr_in* dst,
 // the errno of the failed bind (after which the routing table is reloaded).
 int bind_local(int sock, sockaddr_in* address);
 
+// Mainline transparent proxying: marks sock IP_TRANSPARENT and binds it to
+// source's address, the port left to the kernel at connect time (a fixed one
+// could collide with the intercepted connection, whose ports are the
+// sender's). Needs CAP_NET_RAW or CAP_NET_ADMIN. 0, or -1 with errno set.
+int bind_foreign(int sock, const sockaddr_in* source);
+
 // Test seam: replaces the socket-option calls (null restores the real ones),
 // so the record handling can be checked without the kernel facility.
 using TproxyGetsockopt = int (*)(int, int, int, void*, socklen_t*);

@@ -16,13 +16,17 @@ cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure
 
-# The fuzz harnesses (clang only), one minute each, starting from the seeds in
+# The fuzz harnesses (clang only), a minute each (the PROXY header parser,
+# a small one, half a minute), starting from the seeds in
 # tests/fuzz/corpus. What they find and any crash input stay under build-fuzz,
 # so nothing lands in the tree; a crash fails the run.
 CXX=clang++ cmake -S . -B build-fuzz -DVIGILD_FUZZ=ON -DVIGILD_SANITIZE=ON -DVIGILD_TESTS=OFF
-cmake --build build-fuzz -j"$jobs" --target dotstream_fuzz session_fuzz
-mkdir -p build-fuzz/corpus/dotstream_fuzz build-fuzz/corpus/session_fuzz
+cmake --build build-fuzz -j"$jobs" --target dotstream_fuzz session_fuzz proxyproto_fuzz
+mkdir -p build-fuzz/corpus/dotstream_fuzz build-fuzz/corpus/session_fuzz \
+  build-fuzz/corpus/proxyproto_fuzz
 build-fuzz/dotstream_fuzz -max_total_time=60 -max_len=20000 -artifact_prefix=build-fuzz/ \
   build-fuzz/corpus/dotstream_fuzz tests/fuzz/corpus/dotstream_fuzz
 build-fuzz/session_fuzz -max_total_time=60 -max_len=8000 -artifact_prefix=build-fuzz/ \
   build-fuzz/corpus/session_fuzz tests/fuzz/corpus/session_fuzz
+build-fuzz/proxyproto_fuzz -max_total_time=30 -max_len=1200 -artifact_prefix=build-fuzz/ \
+  build-fuzz/corpus/proxyproto_fuzz tests/fuzz/corpus/proxyproto_fuzz

@@ -74,6 +74,15 @@ bool bind_transparent(Connection* conn) {
   return true;
 }
 
+// The mainline kernel's way: the socket itself takes the sender's address.
+bool bind_mainline(Connection* conn) {
+  if (bind_foreign(conn->receiver_fd, &conn->sender_addr) == 0) return true;
+  dlog(DLOG_SMTP, 1, "%p, Couldn't bind to the sender's address %s: %m\n", log_ptr(conn),
+       Dotted(conn->sender_addr).text);
+  start_failed(conn);
+  return false;
+}
+
 // Steps 2-6 of both write completions: a failed write ends the backend side
 // and the sender is told; the sender connection itself stays.
 void backend_write_done(int error, Connection* conn) {
@@ -176,7 +185,10 @@ void backend_start(Connection* conn) {
     return;
   }
   dlog(DLOG_SMTP, 9, "address_transparent=%d\n", config.address_transparent ? 1 : 0);
-  if (config.address_transparent && !bind_transparent(conn)) return;
+  if (config.address_transparent) {
+    const bool mainline = config.transparent_method == TransparentMethod::MAINLINE;
+    if (!(mainline ? bind_mainline(conn) : bind_transparent(conn))) return;
+  }
   dlog(DLOG_SMTP, 9, "Connecting to backend\n");
   // The sender's envelope commands wait (501) until the greeting is accepted.
   conn->transaction_pending = true;
@@ -270,6 +282,8 @@ void close_backend(Connection* conn) {
   conn->be_state = BE_INIT;
   conn->be_pipelining = false;
   conn->be_8bitmime = false;
+  conn->be_xclient = false;
+  conn->xclient_sent = false;
   conn->noops_pending = 0;
   conn->transaction_pending = false;
   if (conn->be_connect != nullptr) comm_connect_abort(conn->be_connect);

@@ -22,6 +22,7 @@ enum BeState : int {
   BE_RSET = 11,          // the reply to an RSET passed on from the sender
   BE_AUTH_RSET = 12,     // the reply to the RSET after a refused AUTH
   BE_IDLE = 13,          // nothing; NOOP replies
+  BE_XCLIENT = 14,       // the reply to XCLIENT (then EHLO once more)
 };
 
 // Opens the backend connection for a cleared message (receiver_fd is -1).

@@ -5,8 +5,10 @@
 // response_handler; be_state says what it answers.
 #include <strings.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "foundation/dlog.h"
 #include "foundation/fatal.h"
@@ -96,11 +98,28 @@ int advance_rcpt(Connection* conn, const DynString* line) {
   return send_rcpt(conn);
 }
 
-// One line of the EHLO reply: does it announce 8BITMIME?
-bool announces_8bitmime(const DynString* line) {
-  if (line->length < 12) return false;
+// One line of the EHLO reply: does it announce the extension?
+bool announces(const DynString* line, const char* extension) {
+  const size_t n = strlen(extension);
+  if (static_cast<size_t>(line->length) < 4 + n + 1) return false;
   const char* keyword = line->data + 4;
-  return strncasecmp(keyword, "8BITMIME", 8) == 0 && strchr(" \r\n", keyword[8]) != nullptr;
+  return strncasecmp(keyword, extension, n) == 0 && strchr(" \r\n", keyword[n]) != nullptr;
+}
+
+// XCLIENT values are xtext: "+", "=" and bytes outside "!" to "~" as "+XX".
+std::string xtext(const char* value) {
+  std::string out;
+  for (const char* p = value; *p != '\0'; p++) {
+    const auto c = static_cast<unsigned char>(*p);
+    if (c < '!' || c > '~' || c == '+' || c == '=') {
+      char hex[4];
+      snprintf(hex, sizeof hex, "+%02X", c);
+      out += hex;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
 }
 
 // A refused AUTH step: the message goes on unauthenticated after an RSET.
@@ -118,11 +137,8 @@ bool is_3xx(int c) {
   return c >= 300 && c <= 399;
 }
 
-int on_init(Connection* conn, const DynString* line, int c, bool more) {
-  if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in init state: %s");
-  if (more) return 0;
-  conn->transaction_pending = false;
-  conn->be_8bitmime = false;
+int send_ehlo(Connection* conn, const DynString* line) {
+  conn->be_8bitmime = conn->be_xclient = false;
   if (conn->helo_domain == nullptr)
     return problem(conn, line, "%p, unexpected error in BE_INIT state - null helo domain.\n");
   char* text;
@@ -131,6 +147,51 @@ int on_init(Connection* conn, const DynString* line, int c, bool more) {
   dlog(DLOG_SMTP, 4, "%p, sent 'EHLO %s' to backend\n", log_ptr(conn), conn->helo_domain->data);
   conn->be_state = BE_EHLO;
   return 0;
+}
+
+int on_init(Connection* conn, const DynString* line, int c, bool more) {
+  if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in init state: %s");
+  if (more) return 0;
+  conn->transaction_pending = false;
+  return send_ehlo(conn, line);
+}
+
+// Names the sender to the backend, which then starts its session over: the
+// backend logs and checks the sender's address, not the proxy's.
+int send_xclient(Connection* conn) {
+  conn->xclient_sent = true;
+  const Dotted addr(conn->sender_addr);
+  char* text;
+  xasprintf(
+      &text, "XCLIENT ADDR=%s NAME=[UNAVAILABLE] HELO=%s\r\n", addr.text,
+      conn->helo_domain != nullptr ? xtext(conn->helo_domain->data).c_str() : "[UNAVAILABLE]");
+  if (!send_command(conn, text, true)) return 1;
+  dlog(DLOG_SMTP, 4, "%p, sent 'XCLIENT ADDR=%s' to backend\n", log_ptr(conn), addr.text);
+  conn->be_state = BE_XCLIENT;
+  return 0;
+}
+
+// The backend's session is ready for the message: AUTH first when the
+// sender's is passed through, else MAIL FROM.
+int after_ehlo(Connection* conn, const DynString* line) {
+  // The sender's lines are passed on as typed: only plain base64 ones, since
+  // a stray CR inside one would be a line end, and a command, to some backends.
+  if (config.passthrough_auth && is_base64_line(conn->auth_user.get()) &&
+      is_base64_line(conn->auth_pass.get())) {
+    if (!send_command(conn, "auth login\r\n", false)) return 1;
+    dlog(DLOG_SMTP, 4, "%p, sent 'auth login' to backend\n", log_ptr(conn));
+    conn->be_state = BE_AUTH_LOGIN;
+    return 0;
+  }
+  return send_mail_from(conn, line, "%p, unexpected error in BE_EHLO state - null maill from\n");
+}
+
+int on_xclient(Connection* conn, const DynString* line, int c, bool more) {
+  if (more) return 0;
+  if (c == 220) return send_ehlo(conn, line);
+  // Not authorised (550) or not now: the message still goes, from our address.
+  dlog(DLOG_SMTP, 3, "%p, XCLIENT refused, going on without it: %s", log_ptr(conn), line->data);
+  return after_ehlo(conn, line);
 }
 
 int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
@@ -146,18 +207,11 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
     return 0;
   }
   if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in EHLO state: %s");
-  if (announces_8bitmime(line)) conn->be_8bitmime = true;
+  if (announces(line, "8BITMIME")) conn->be_8bitmime = true;
+  if (announces(line, "XCLIENT")) conn->be_xclient = true;
   if (more) return 0;
-  // The sender's lines are passed on as typed: only plain base64 ones, since
-  // a stray CR inside one would be a line end, and a command, to some backends.
-  if (config.passthrough_auth && is_base64_line(conn->auth_user.get()) &&
-      is_base64_line(conn->auth_pass.get())) {
-    if (!send_command(conn, "auth login\r\n", false)) return 1;
-    dlog(DLOG_SMTP, 4, "%p, sent 'auth login' to backend\n", log_ptr(conn));
-    conn->be_state = BE_AUTH_LOGIN;
-    return 0;
-  }
-  return send_mail_from(conn, line, "%p, unexpected error in BE_EHLO state - null maill from\n");
+  if (config.xclient && conn->be_xclient && !conn->xclient_sent) return send_xclient(conn);
+  return after_ehlo(conn, line);
 }
 
 // A queued write owns its buffer until it is out, so the stored line goes
@@ -396,6 +450,8 @@ int be_handle_line(Connection* conn, DynString* line) {
       return 1;
     case BE_RSET:
       return on_rset(conn, line);
+    case BE_XCLIENT:
+      return on_xclient(conn, line, c, more);
     case BE_IDLE:
       if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in IDEL state: %s");
       return 0;

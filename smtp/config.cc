@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <grp.h>
+#include <netdb.h>
 #include <pwd.h>
 #include <strings.h>
 #include <syslog.h>
@@ -73,7 +74,7 @@ struct PlainKey {
   void* field;
 };
 
-const std::array<PlainKey, 15> PLAIN_KEYS = {{
+const std::array<PlainKey, 18> PLAIN_KEYS = {{
     {"passthrough_auth", Kind::BOOL, &config.passthrough_auth},
     {"mailer_temp_dir", Kind::STRING, &config.mailer_temp_dir},
     {"mailer_local_dir", Kind::STRING, &config.mailer_local_dir},
@@ -89,6 +90,9 @@ const std::array<PlainKey, 15> PLAIN_KEYS = {{
     {"max_spam_scan_size", Kind::LONG_LONG, &config.max_spam_scan_size},
     {"noop_interval", Kind::INT, &config.noop_interval},
     {"support_8bitmime", Kind::BOOL, &config.support_8bitmime},
+    {"proxy_protocol", Kind::BOOL, &config.proxy_protocol},
+    {"proxy_networks", Kind::STRING, &config.proxy_networks_file},
+    {"xclient", Kind::BOOL, &config.xclient},
 }};
 
 void read_plain_key(const PlainKey& k) {
@@ -301,6 +305,40 @@ void read_scanner_keys() {
   }
 }
 
+// "host:port", the host a dotted address or a name resolved once, now.
+bool parse_host_port(const char* text, sockaddr_in* out) {
+  const char* colon = strrchr(text, ':');
+  if (colon == nullptr || colon == text) return false;
+  char* end = nullptr;
+  long port = strtol(colon + 1, &end, 10);
+  if (end == colon + 1 || *end != '\0' || port < 1 || port > 65535) return false;
+  std::string host(text, static_cast<size_t>(colon - text));
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) return false;
+  *out = *reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+  out->sin_port = htons(static_cast<uint16_t>(port));
+  freeaddrinfo(found);
+  return true;
+}
+
+// The settings for gateways without the appliance's kernel: they change
+// where mail goes, so a backend_addr that cannot be used stops start-up
+// rather than letting mail follow the original destinations.
+void read_gateway_keys() {
+  read_protocol<TransparentMethod, 2>("transparent_method",
+                                      {{{"appliance", TransparentMethod::APPLIANCE},
+                                        {"ip_transparent", TransparentMethod::MAINLINE}}},
+                                      &config.transparent_method);
+  if (const char* backend = proxy_var("backend_addr")) {
+    config.backend_addr = sockaddr_in{};
+    if (backend[0] != '\0' && !parse_host_port(backend, &config.backend_addr))
+      fatal_exit("Illegal backend_addr %s: host:port expected\n", backend);
+  }
+}
+
 void set_owned_text(const char** field, char* text) {
   config_set_string(field, text);
   free(text);
@@ -367,6 +405,7 @@ void read_config(const char* common_file, const char* proxy_file) {
   read_names_and_paths();
   for (const PlainKey& k : PLAIN_KEYS) read_plain_key(k);
   read_scanner_keys();
+  read_gateway_keys();
   ini_clear();
 
   build_replies();
@@ -380,6 +419,7 @@ void read_config(const char* common_file, const char* proxy_file) {
     // so AUTH can only be the backend's business.
     config.passthrough_auth = true;
   }
+  if (config.proxy_protocol) load_proxy_networks();
 }
 
 namespace {
@@ -402,7 +442,7 @@ using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 // Parses one relay line: "a.b.c.d/n" with n from 4 to 32. Reports the line
 // itself, line end included, as the appliance's collector expects it.
-void add_relay_line(char* line) {
+void add_relay_line(char* line, std::vector<RelayIp>* list) {
   char* slash = strchr(line, '/');
   if (slash == nullptr) {
     dlog_event(LOG_ERR, RELAY_EVENT_ID, RELAY_EVENT_NAME, "msg=\"Bad line in relay ips file: %s\"",
@@ -424,9 +464,9 @@ void add_relay_line(char* line) {
     return;
   }
   RelayIp entry{ntohl(a.s_addr), prefix_mask(static_cast<int>(prefix))};
-  relay_ips.push_back(entry);
+  list->push_back(entry);
   dlog(DLOG_SMTP, 9, "Adding addr %x %s mask %x index %d\n", entry.addr, inet_ntoa(a), entry.mask,
-       static_cast<int>(relay_ips.size() - 1));
+       static_cast<int>(list->size() - 1));
 }
 
 }  // namespace
@@ -434,6 +474,13 @@ void add_relay_line(char* line) {
 std::vector<DstrPtr> local_domains;
 std::vector<RelayIp> relay_ips;
 std::vector<PasswdEntry> passwd_entries;
+std::vector<RelayIp> proxy_networks;
+
+bool network_list_match(const std::vector<RelayIp>& list, uint32_t ip) {
+  for (const RelayIp& entry : list)
+    if ((ip & entry.mask) == (entry.addr & entry.mask)) return true;
+  return false;
+}
 
 uint32_t prefix_mask(int prefix_length) {
   static const std::array<uint32_t, 33> table = [] {
@@ -450,6 +497,7 @@ void config_clear_lists() {
   local_domains.clear();
   relay_ips.clear();
   passwd_entries.clear();
+  proxy_networks.clear();
 }
 
 void load_local_domains() {
@@ -479,7 +527,15 @@ void load_relay_ips() {
   relay_ips.clear();
   relay_ips.reserve(LIST_INITIAL_CAPACITY);
   char line[LIST_LINE_SIZE];
-  while (fgets(line, sizeof line, file.get()) != nullptr) add_relay_line(line);
+  while (fgets(line, sizeof line, file.get()) != nullptr) add_relay_line(line, &relay_ips);
+}
+
+void load_proxy_networks() {
+  FilePtr file(fopen(config.proxy_networks_file, "r"));
+  if (!file) fatal_exit("Couldn't open proxy networks file %s: %m\n", config.proxy_networks_file);
+  proxy_networks.clear();
+  char line[LIST_LINE_SIZE];
+  while (fgets(line, sizeof line, file.get()) != nullptr) add_relay_line(line, &proxy_networks);
 }
 
 void load_auth_file() {

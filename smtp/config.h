@@ -4,6 +4,8 @@
 // afterwards; strings and list entries stay owned by this module.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,6 +22,12 @@ constexpr const char* CONFIG_COMMON_SECTION = "scannerd";
 // What a bare CR or LF in a message body leads to: made into a line end
 // (LF) or a space (CR), or the whole message refused.
 enum class BareLineEnds { NORMALIZE, REJECT };
+
+// How a transparent backend connection takes the sender's address: through
+// the appliance kernel's association option, or with the mainline socket
+// option IP_TRANSPARENT (bound to the sender's address, port chosen by the
+// kernel).
+enum class TransparentMethod { APPLIANCE, MAINLINE };  // "appliance", "ip_transparent"
 
 // The settings. String fields point either at a compiled-in literal or at a
 // copy owned by this module; never free or keep them past a config_set_string
@@ -75,6 +83,17 @@ struct Config {
   // socket, 127.0.0.1:783 for spamd, 127.0.0.1:11333 for rspamd).
   const char* antispam_addr = nullptr;
   double spam_reject_score = 10.0;  // spamd: spam at or above it is refused
+  TransparentMethod transparent_method = TransparentMethod::APPLIANCE;
+  // Every message goes here when set (sin_family AF_INET), whatever the
+  // sender's connection was addressed to; unset (family 0): the original
+  // destination of each connection.
+  sockaddr_in backend_addr{};
+  // Senders come through a load balancer that names each of them in a
+  // PROXY protocol header; only the networks of proxy_networks_file may.
+  bool proxy_protocol = false;
+  const char* proxy_networks_file = "/etc/av/vigild/proxy_networks";
+  // Name the sender to a backend that announces XCLIENT.
+  bool xclient = false;
 
   int num_fds = 0;  // set by start-up from the descriptor budget
 
@@ -104,19 +123,29 @@ struct PasswdEntry {
 extern std::vector<DstrPtr> local_domains;
 extern std::vector<RelayIp> relay_ips;
 extern std::vector<PasswdEntry> passwd_entries;
+// The load balancers trusted to send a PROXY header; loaded, in the format of
+// the relay networks file, only when proxy_protocol is on.
+extern std::vector<RelayIp> proxy_networks;
+
+// Whether a host-order address lies in one of the list's networks.
+bool network_list_match(const std::vector<RelayIp>& list, uint32_t ip);
 
 // Reads the common file (section scannerd for scan_dir, spam_tag,
 // spam_plus_tag, scanner_addr) and then the proxy file (section vigild) into
 // config; null names mean the compiled-in paths. An unreadable file is logged
 // and the other one still applies. Builds the reply texts and, with
 // relay_control on, loads the three lists (an unreadable local domains file
-// is fatal). Reads layer2_mode, so detect_layer2 must have run before.
+// is fatal); with proxy_protocol on, the proxy networks (unreadable: fatal).
+// A backend_addr that is not host:port is fatal too. Reads layer2_mode, so
+// detect_layer2 must have run before.
 void read_config(const char* common_file, const char* proxy_file);
 
 // Each replaces its list with the contents of the file named in config.
 void load_local_domains();
 void load_relay_ips();
 void load_auth_file();
+// An unreadable file is fatal: every sender would be refused.
+void load_proxy_networks();
 
 // Empties the three lists.
 void config_clear_lists();

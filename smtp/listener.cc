@@ -48,11 +48,18 @@ void write_refusal_dump() {
 }
 
 bool read_address(int fd, Connection* conn) {
+  // Without redirection there is no original destination; that is fine
+  // when the backend is fixed or a PROXY header will name it.
+  const bool fixed = config.backend_addr.sin_family == AF_INET;
   socklen_t len = sizeof conn->receiver_addr;
   if (getsockopt(fd, SOL_IP, SO_ORIGINAL_DST, &conn->receiver_addr, &len) != 0) {
-    dlog(DLOG_SMTP, 1, "getsockopt failed: %m\n");
-    return false;
+    if (!fixed && !config.proxy_protocol) {
+      dlog(DLOG_SMTP, 1, "getsockopt failed: %m\n");
+      return false;
+    }
+    conn->receiver_addr = sockaddr_in{};
   }
+  if (fixed) conn->receiver_addr = config.backend_addr;
   len = sizeof conn->my_sender_addr;
   if (getsockname(fd, reinterpret_cast<sockaddr*>(&conn->my_sender_addr), &len) != 0) {
     dlog(DLOG_SMTP, 1, "getsockname failed: %m\n");
@@ -164,17 +171,25 @@ void smtp_accept(int fd, int status, void*) {
     close_connection(conn);
     return;
   }
+  if (config.proxy_protocol)
+    smtp_await_proxy_header(conn);
+  else
+    smtp_admit(conn);
+}
+
+void smtp_admit(Connection* conn, std::string_view early) {
   if (is_loop(conn)) {
     dlog(DLOG_SMTP, 1, "Mail loop detected. Closing connection (sender=%s:%d)\n",
          Dotted(conn->sender_addr).text, port_of(conn->sender_addr));
     const char* reply = "554 Mail loop detected\r\n";
-    comm_write(fd, reply, static_cast<int>(strlen(reply)), close_after_reply, conn, nullptr);
+    comm_write(conn->sender_fd, reply, static_cast<int>(strlen(reply)), close_after_reply, conn,
+               nullptr);
     return;
   }
-  smtp_start_session(conn);
+  smtp_start_session(conn, early);
 }
 
-void smtp_start_session(Connection* conn) {
+void smtp_start_session(Connection* conn, std::string_view early) {
   int fd = conn->sender_fd;
   if (comm_write(fd, config.greeting_line, static_cast<int>(strlen(config.greeting_line)),
                  sender_write_callback, conn, nullptr) != 0 ||
@@ -189,7 +204,10 @@ void smtp_start_session(Connection* conn) {
     close_connection(conn);
     return;
   }
-  comm_read(fd, command_handler, conn);
+  if (!early.empty() && dstr_cat_block(conn->sender_stream->buffer, early.data(),
+                                       static_cast<int>(early.size())) != 0)
+    fatal_exit("Out of memory: %m\n");
+  smtp_read_sender(conn, command_handler);
 }
 
 Connection* new_connection() {
@@ -218,6 +236,7 @@ void close_connection(Connection* conn) {
   conn->txn.reset();
   conn->auth_user.reset();
   conn->auth_pass.reset();
+  conn->proxy_wait.reset();
   conn->sender_stream.reset();
   if (conn->sender_fd != -1) {
     // Queued replies are dropped silently: their handlers would only try to

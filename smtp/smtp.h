@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 #include "event/comm.h"
 #include "event/timer.h"
@@ -24,6 +25,11 @@
 struct RelaySend;  // the message on its way to the backend (smtp/backend.cc)
 struct RelaySendFree {
   void operator()(RelaySend* r) const noexcept;
+};
+
+struct ProxyWait;  // a load balancer's PROXY header being read (smtp/proxy_header.cc)
+struct ProxyWaitFree {
+  void operator()(ProxyWait* w) const noexcept;
 };
 
 // Made by new_connection; closed by close_connection, which lets go of
@@ -47,14 +53,17 @@ struct Connection {
   int be_state = 0;
   bool can_relay = false;
   bool be_pipelining = false;
-  bool be_8bitmime = false;  // the backend announced 8BITMIME
-  int noops_pending = 0;     // keep-alive NOOPs whose reply has not come yet
-  bool closed = false;       // set once, on entry to close_connection
-  CharsPtr auth_user;        // base64 lines as received, with their line end
+  bool be_8bitmime = false;   // the backend announced 8BITMIME
+  bool be_xclient = false;    // the backend announced XCLIENT
+  bool xclient_sent = false;  // on this backend connection
+  int noops_pending = 0;      // keep-alive NOOPs whose reply has not come yet
+  bool closed = false;        // set once, on entry to close_connection
+  CharsPtr auth_user;         // base64 lines as received, with their line end
   CharsPtr auth_pass;
   bool transaction_pending = false;  // a backend connection is being opened for a message
   std::unique_ptr<Transaction> txn;  // from MAIL FROM to the end of the envelope
   std::unique_ptr<RelaySend, RelaySendFree> relay;
+  std::unique_ptr<ProxyWait, ProxyWaitFree> proxy_wait;  // until the PROXY header is in
 };
 
 extern Connection* active_connections;  // newest first
@@ -86,9 +95,19 @@ void smtp_close_all();
 // comm_accept handler: fd is the new socket (status 0) or -1 (status 1).
 void smtp_accept(int fd, int status, void* data);
 // Greets the sender and starts reading commands on a connection whose
-// sender_fd and addresses are filled in. smtp_accept ends with it; tests use
-// it on sockets of their own.
-void smtp_start_session(Connection* conn);
+// sender_fd and addresses are filled in; early holds bytes the sender sent
+// that were read already (behind a PROXY header). Tests use it on sockets of
+// their own.
+void smtp_start_session(Connection* conn, std::string_view early = {});
+// A connection whose addresses are final: refused as a mail loop when it
+// would relay to the proxy itself, else the session starts.
+void smtp_admit(Connection* conn, std::string_view early = {});
+// From a trusted load balancer, reads its PROXY header before the greeting,
+// within PROXY_HEADER_TIMEOUT seconds, then admits the client it names;
+// anything else (an untrusted peer, no header, a bad or late one) is logged
+// and closed without a greeting.
+void smtp_await_proxy_header(Connection* conn);
+constexpr int PROXY_HEADER_TIMEOUT = 5;
 Connection* new_connection();
 // Idempotent; every failure path ends here. The record stays readable until
 // free_closed_connections.

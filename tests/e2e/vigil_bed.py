@@ -285,7 +285,8 @@ class FakeBackend(FakeServer):
         super().__init__(listener)
 
     def _serve(self, conn):
-        session = types.SimpleNamespace(lines=[], messages=[], closed=False)
+        session = types.SimpleNamespace(lines=[], messages=[], closed=False,
+                                        peer=conn.getpeername()[0])
         self._note(self.sessions, session)  # listed before it can answer anything
         f, auth_steps = conn.makefile("rb"), []
         try:
@@ -375,19 +376,19 @@ class Bed:
         self.backend = FakeBackend(self.ns.socket, **kw)
         return self.backend
 
-    def raw_connect(self, source=DEFAULT_SENDER):
+    def raw_connect(self, source=DEFAULT_SENDER, dest=(BACKEND_ADDR, BACKEND_PORT)):
         s = self.ns.socket()
         try:
             s.settimeout(5.0)
             s.bind((source, 0))
-            s.connect((BACKEND_ADDR, BACKEND_PORT))
+            s.connect(dest)
             return s
         except BaseException:
             s.close()
             raise
 
-    def connect(self, source=DEFAULT_SENDER, greeting=True):
-        c = SmtpClient(self.raw_connect(source))
+    def connect(self, source=DEFAULT_SENDER, greeting=True, dest=(BACKEND_ADDR, BACKEND_PORT)):
+        c = SmtpClient(self.raw_connect(source, dest))
         self._clients.append(c)
         c.greeting = c.read_reply() if greeting else None
         return c
