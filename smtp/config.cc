@@ -39,11 +39,24 @@ std::vector<OwnedString>& owned_strings() {
   return *store;
 }
 
+// While config_keys runs, every lookup is noted here instead of made, so the
+// list of keys is the reader's own and cannot drift from it.
+std::vector<ConfigKey>* key_recorder = nullptr;
+
+// Every key the reader consults goes through here.
+const char* setting(const char* section, const char* key) {
+  if (key_recorder != nullptr) {
+    key_recorder->push_back({section, key});
+    return nullptr;
+  }
+  return ini_get_var(section, key);
+}
+
 const char* proxy_var(const char* key) {
-  return ini_get_var(CONFIG_PROXY_SECTION, key);
+  return setting(CONFIG_PROXY_SECTION, key);
 }
 const char* common_var(const char* key) {
-  return ini_get_var(CONFIG_COMMON_SECTION, key);
+  return setting(CONFIG_COMMON_SECTION, key);
 }
 
 // Integers are read as strtol does: text that is not a number gives 0.
@@ -62,7 +75,7 @@ bool get_long_long(const char* key, long long* out) {
 }
 
 void get_string(const char* section, const char* key, const char** field) {
-  const char* v = ini_get_var(section, key);
+  const char* v = setting(section, key);
   if (v != nullptr) config_set_string(field, v);
 }
 
@@ -362,6 +375,18 @@ void build_replies() {
   set_owned_text(&config.ehlo_response, text);
 }
 
+// With no key present nothing below changes config, which config_keys
+// relies on.
+void read_keys() {
+  read_limits();
+  read_identity();
+  read_session_keys();
+  read_names_and_paths();
+  for (const PlainKey& k : PLAIN_KEYS) read_plain_key(k);
+  read_scanner_keys();
+  read_gateway_keys();
+}
+
 void import_file(const char* name) {
   int rc = ini_import(name);
   if (rc != 0) dlog(DLOG_SMTP, 1, "Error importing %s: %d\n", name, rc);
@@ -395,17 +420,23 @@ void config_reset() {
   config_clear_lists();
 }
 
+std::vector<ConfigKey> config_keys() {
+  std::vector<ConfigKey> keys;
+  // On a bridge address_transparent is not consulted; it is a key all the same.
+  const bool bridge = layer2_mode;
+  layer2_mode = false;
+  key_recorder = &keys;
+  read_keys();
+  key_recorder = nullptr;
+  layer2_mode = bridge;
+  return keys;
+}
+
 void read_config(const char* common_file, const char* proxy_file) {
   import_file(common_file != nullptr ? common_file : VIGILD_COMMON_CONFIG);
   import_file(proxy_file != nullptr ? proxy_file : VIGILD_PROXY_CONFIG);
 
-  read_limits();
-  read_identity();
-  read_session_keys();
-  read_names_and_paths();
-  for (const PlainKey& k : PLAIN_KEYS) read_plain_key(k);
-  read_scanner_keys();
-  read_gateway_keys();
+  read_keys();
   ini_clear();
 
   build_replies();

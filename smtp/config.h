@@ -140,6 +140,18 @@ bool network_list_match(const std::vector<RelayIp>& list, uint32_t ip);
 // detect_layer2 must have run before.
 void read_config(const char* common_file, const char* proxy_file);
 
+// One key of the settings files: its section (CONFIG_PROXY_SECTION or
+// CONFIG_COMMON_SECTION) and its name, both static strings.
+struct ConfigKey {
+  const char* section;
+  const char* key;
+};
+
+// Every key read_config consults, in the order it reads them, found by
+// running the reader itself without a file; config is left as it was. For
+// documentation checks and tools.
+std::vector<ConfigKey> config_keys();
+
 // Each replaces its list with the contents of the file named in config.
 void load_local_domains();
 void load_relay_ips();
