@@ -1,4 +1,4 @@
-// The poll loop: a table of descriptors indexed by number with one-shot read
+// The event loop (epoll): a table of descriptors indexed by number with one-shot read
 // and write handlers, queued non-blocking writes and file sends, asynchronous
 // connects and accepts, and the cached current time the timers read. One
 // instance per process; nothing here closes a descriptor.
@@ -26,7 +26,7 @@ struct CommAccept;   // a pending accept, owned by the loop
 // Sizes the table for up to n descriptors (raising the process limit) and
 // returns the number usable. A second call ends the process.
 int comm_init(int n);
-// One cycle: build the poll set, wait up to timeout seconds (at most 2), dispatch
+// One cycle: tell epoll what changed, wait up to timeout seconds (at most 2), dispatch
 // every read before any write.
 void comm_run(int timeout);
 void comm_add_fd(int fd, int flags, IoHandler handler, void* data);
