@@ -25,7 +25,7 @@
 
 namespace {
 
-constexpr int RECEIVER_READ_SIZE = 2000;
+constexpr int RECEIVER_READ_SIZE = LSTREAM_READ_MAX;
 constexpr int REPLY_LINE_MAX = 2000;
 constexpr size_t RELAY_CHUNK = 65536;
 constexpr int REPLY_LINES_PER_EVENT = 64;
@@ -222,6 +222,13 @@ void be_connected(int fd, int error, void* data) {
   }
   // The greeting is the first line the dialogue sees.
   comm_read(conn->receiver_fd, response_handler, conn);
+}
+
+void be_read_backend(Connection* conn) {
+  if (lstream_buffered(conn->receiver_stream.get()) > 0)
+    comm_read_now(conn->receiver_fd, response_handler, conn);
+  else
+    comm_read(conn->receiver_fd, response_handler, conn);
 }
 
 void response_handler(int fd, void* data) {
