@@ -56,8 +56,11 @@ long long comm_queued_bytes(int fd);
 void comm_clear_write(int fd, int notify);
 void comm_finished(int fd, CommHandler handler, void* data);
 void comm_interm(int fd, CommHandler handler, void* data, int interval);
-// Sends a whole file (or from offset) out of a read-only mapping; the caller
-// may close file_fd once the call returns.
+// Sends length bytes of file_fd from offset, queued like comm_write. file_fd
+// is borrowed: it must stay open until handler has run.
+int comm_send_file(int fd, int file_fd, int offset, int length, CommHandler handler, void* data);
+// Sends a whole file (or from offset) with sendfile; the caller may close
+// file_fd once the call returns. An empty file fails.
 int comm_write_file(int fd, int file_fd, CommHandler handler, void* data);
 int comm_write_file_offset(int fd, int file_fd, int offset, CommHandler handler, void* data);
 

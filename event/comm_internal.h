@@ -41,10 +41,12 @@ struct QueuedWrite {
   QueuedWrite* next;
   const char* buffer;
   int size;    // bytes still to write
-  int offset;  // bytes already written
+  int offset;  // bytes already written; for a file, where in it to go on
   CommHandler handler;
   void* data;
   ReleaseFn release;
+  int file_fd = -1;        // a file send: the bytes come from here, by sendfile
+  bool owns_file = false;  // file_fd is closed when the send completes
 };
 
 struct HandlerEntry {
