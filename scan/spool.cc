@@ -25,6 +25,7 @@ bool write_all(SpoolFile* f, const char* p, size_t n) {
     }
     p += w;
     n -= static_cast<size_t>(w);
+    f->size += w;
   }
   return true;
 }

@@ -13,6 +13,7 @@ struct SpoolFile {
   int fd = -1;          // open for reading and writing
   std::string name;     // where it is on the disk
   std::string pending;  // written bytes still in the buffer
+  int64_t size = 0;     // bytes in the file (not counting the buffer)
   bool failed = false;  // a write failed: the file is incomplete for good
 };
 

@@ -90,12 +90,13 @@ void backend_write_done(int error, Connection* conn) {
 
 // The message file on its way to the backend: read in chunks, each turned
 // into its part of the canonical stream and written once the one before is
-// out, so only one chunk is held per connection.
+// out, so only one chunk is held per connection. A file already in that form
+// but for its last line goes out whole with sendfile.
 struct RelaySend {
   int file_fd;  // the message's scan file; borrowed
   int64_t offset = 0;
+  int64_t as_is = 0;  // bytes to send unchanged before encoding starts
   DotEncoder encoder;
-  std::vector<char> in = std::vector<char>(RELAY_CHUNK);
   std::string out;    // the write in flight; the queue points into it
   bool last = false;  // out ends the stream
   bool in_flight = false;
@@ -109,6 +110,9 @@ void RelaySendFree::operator()(RelaySend* r) const noexcept {
 namespace {
 
 void relay_pump(Connection* conn);
+
+// Read side of the encoder, shared: a chunk is encoded as soon as it is read.
+char relay_in[RELAY_CHUNK];
 
 void relay_write_done(int, int error, void* data) {
   auto* conn = static_cast<Connection*>(data);
@@ -131,8 +135,20 @@ void relay_pump(Connection* conn) {
       conn->relay.reset();
       return;
     }
+    if (r->as_is > 0) {
+      // The stored content ends in CR LF, so the encoder, fresh at a line
+      // start, adds just the end of data after it.
+      r->offset = r->as_is;
+      r->as_is = 0;
+      r->in_flight = r->in_call = true;
+      int w = comm_send_file(conn->receiver_fd, r->file_fd, 0, static_cast<int>(r->offset),
+                             relay_write_done, conn);
+      if (w != 0 || conn->closed || conn->relay.get() != r) return;
+      r->in_call = false;
+      continue;
+    }
     r->out.clear();
-    ssize_t n = pread(r->file_fd, r->in.data(), r->in.size(), r->offset);
+    ssize_t n = pread(r->file_fd, relay_in, sizeof relay_in, r->offset);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       dlog(DLOG_SMTP, 1, "%p, Couldn't read the message for the backend: %m\n", log_ptr(conn));
@@ -144,7 +160,7 @@ void relay_pump(Connection* conn) {
       r->last = true;
     } else {
       r->offset += n;
-      dot_encode(&r->encoder, r->in.data(), static_cast<size_t>(n), &r->out);
+      dot_encode(&r->encoder, relay_in, static_cast<size_t>(n), &r->out);
     }
     r->in_flight = r->in_call = true;
     int w = comm_write(conn->receiver_fd, r->out.data(), static_cast<int>(r->out.size()),
@@ -306,6 +322,7 @@ int be_send_file(Connection* conn) {
   auto* r = new (std::nothrow) RelaySend{};
   if (r == nullptr) fatal_exit("Out of memory: %m\n");
   r->file_fd = m->file->fd;
+  if (!m->dot_lines && m->file->size < INT32_MAX) r->as_is = m->file->size;
   conn->relay.reset(r);
   relay_pump(conn);
   return 0;

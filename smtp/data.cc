@@ -64,6 +64,18 @@ void copy_header(Message* m, const char* p, size_t n) {
   m->header_done = line_start && n == 2 && p[0] == '\r' && p[1] == '\n';
 }
 
+// The file goes to the backend as it is, plus ".\r\n", unless a stored line
+// starts with a dot: the decoder leaves only CR LF line ends, and the pieces
+// are single lines, so only a piece's first byte can start one, except after
+// bytes that the SIZE rule had held back were put in front of it.
+void note_dot_lines(Message* m, const std::string& b, size_t before, bool line_start,
+                    bool was_held) {
+  if (m->dot_lines || b.size() == before) return;
+  const char* p = b.data() + before;
+  m->dot_lines = (line_start && p[0] == '.') ||
+                 (was_held && memmem(p, b.size() - before, "\n.", 2) != nullptr);
+}
+
 // Decoded bytes are appended to the scan file's own buffer (from `before`
 // on); this takes them into the file, or drops them once the message is
 // refused.
@@ -204,7 +216,9 @@ void data_handler(int fd, void* data) {
     }
     std::string* b = spool_buffer(m->file.get());
     size_t before = b->size();
+    const bool line_start = m->rx.newline, was_held = m->rx.held;
     DotResult r = dot_decode_piece(&m->rx, piece->data, static_cast<size_t>(piece->length), b);
+    note_dot_lines(m, *b, before, line_start, was_held);
     if (r == DotResult::MORE) check_body(conn, m);
     store_content(conn, m, before);
     if (r == DotResult::END) {

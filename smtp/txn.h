@@ -32,6 +32,9 @@ struct Message {
   std::string header;
   bool header_done = false;
   bool header_long = false;
+  // A stored line starts with "." (doubled on the wire), or the file was
+  // rewritten: the relay must encode the file instead of sending it as it is.
+  bool dot_lines = false;
   const char* refusal = nullptr;  // the reply the end of data gets instead of a scan
   CharsPtr msgid;                 // Message-ID of the message; null when it has none
   AsRequestPtr spam_request;
