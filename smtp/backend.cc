@@ -95,6 +95,7 @@ void backend_write_done(int error, Connection* conn) {
 struct RelaySend {
   int file_fd;  // the message's scan file; borrowed
   int64_t offset = 0;
+  int64_t size = -1;  // the file's size when known: its last chunk carries the end of data
   int64_t as_is = 0;  // bytes to send unchanged before encoding starts
   DotEncoder encoder;
   std::string out;    // the write in flight; the queue points into it
@@ -161,6 +162,10 @@ void relay_pump(Connection* conn) {
     } else {
       r->offset += n;
       dot_encode(&r->encoder, relay_in, static_cast<size_t>(n), &r->out);
+      if (r->offset == r->size) {  // one write less, and one segment less for the backend
+        dot_encode_finish(&r->encoder, &r->out);
+        r->last = true;
+      }
     }
     r->in_flight = r->in_call = true;
     int w = comm_write(conn->receiver_fd, r->out.data(), static_cast<int>(r->out.size()),
@@ -322,7 +327,10 @@ int be_send_file(Connection* conn) {
   auto* r = new (std::nothrow) RelaySend{};
   if (r == nullptr) fatal_exit("Out of memory: %m\n");
   r->file_fd = m->file->fd;
-  if (!m->dot_lines && m->file->size < INT32_MAX) r->as_is = m->file->size;
+  r->size = m->file->size;
+  // Small files cost the same either way and leave in one write when read.
+  if (!m->dot_lines && r->size > static_cast<int64_t>(RELAY_CHUNK) && r->size < INT32_MAX)
+    r->as_is = r->size;
   conn->relay.reset(r);
   relay_pump(conn);
   return 0;
