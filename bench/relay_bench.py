@@ -182,10 +182,15 @@ class Bench:
         t0 = time.monotonic()
         cmd = ["setpriv", f"--reuid={SENDER_UID}", f"--regid={SENDER_UID}", "--clear-groups"]
         sunk = self.delivered()
-        r = subprocess.run(self.nsexec(cmd + SOURCE + ["-d"] * reuse +
-                                       ["-s", str(senders), "-m", str(messages), "-l", str(size),
-                                        "127.0.0.2:25"]),
-                           capture_output=True, text=True, timeout=300)
+        try:
+            r = subprocess.run(self.nsexec(cmd + SOURCE + ["-d"] * reuse +
+                                           ["-s", str(senders), "-m", str(messages), "-l",
+                                            str(size), "127.0.0.2:25"]),
+                               capture_output=True, text=True, timeout=300)
+        except subprocess.TimeoutExpired:
+            where = f"\n{proxy} log tail:\n{self.log(proxy)}" if proxy else ""
+            raise RuntimeError(f"smtp-source stalled on {proxy or 'direct'} after "
+                               f"{self.delivered() - sunk} of {messages} messages{where}") from None
         elapsed = time.monotonic() - t0
         if rec:
             rec.send_signal(signal.SIGINT)
