@@ -1,4 +1,4 @@
-// Cost of the poll loop's dispatch as the number of registered (idle)
+// Cost of the event loop's dispatch as the number of registered (idle)
 // descriptors grows, and of timer add/cancel with a large heap.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
@@ -80,19 +80,6 @@ void BM_DispatchOneEvent(benchmark::State& state) {
   close(active[1]);
 }
 BENCHMARK(BM_DispatchOneEvent)->Arg(10)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
-
-// The user-space part of that cost: the poll set rebuilt from the used list,
-// which every cycle pays before poll() is called.
-void BM_RebuildPollSet(benchmark::State& state) {
-  init_once();
-  IdleDescriptors idle(static_cast<int>(state.range(0)));
-  if (!idle.ok) {
-    state.SkipWithError("socketpair failed (descriptor limit?)");
-    return;
-  }
-  for (auto _ : state) benchmark::DoNotOptimize(comm_set_current_polls());
-}
-BENCHMARK(BM_RebuildPollSet)->Arg(10)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 void noop_timer(void*) {}
 

@@ -11,20 +11,25 @@ Every path runs in one loopback-only network namespace made for the run:
   * iptables nat OUTPUT REDIRECTs 127.0.1.0/24 -> 127.0.0.2:25 to the proxy
     under test. vigild, socat and smtp-sink run as root and leave from
     127.0.0.1, so the proxies' own connections to the backend are not caught.
-  * Paths: direct (no rule), socat (a plain TCP forwarder), vigild with the
-    scanners off (as_connections=0, use_scanner=0), and vigild with the
-    instant fake scanners of tests/e2e/scanners.py (clean at once). The rule is switched per run and
-    the four paths are measured back to back for each message size and sender
-    count, so they share the machine's conditions.
+  * Paths: direct (no rule), socat (a plain TCP forwarder, a process per
+    connection), haproxy (TCP mode, one thread), vigild with the scanners off
+    (as_connections=0, use_scanner=0), and vigild with the instant fake
+    scanners of tests/e2e/scanners.py (clean at once). The rule is switched
+    per run and the paths are measured back to back for each message size,
+    sender count and reuse mode, so they share the machine's conditions.
 
 The daemon runs under unshare -m with a directory of /dev/shm (tmpfs) bound
 over /var, in the foreground (-d -e -s). Messages per second come from the
-wall time of smtp-source (all replies awaited; -d keeps each sender's
-connection for all its messages); CPU is the proxy's utime+stime from /proc
-(socat's with its reaped per-connection children).
+wall time of smtp-source (all replies awaited), once with a new connection
+per message and once with -d, which keeps each sender's connection for all
+its messages; CPU is the proxy's utime+stime from /proc (socat's with its
+reaped per-connection children). smtp-sink's counters (-c) must show every
+message sent, or the run fails. The load average is printed with each row,
+since the machine may be shared.
 
 Needs root. Usage:
   /usr/bin/python3 bench/relay_bench.py [--vigild build-bench/vigild] [--repeat 3] [--scale 1]
+      [--paths direct,socat,haproxy,off,on] [--senders 1,10] [--sizes 4K,1M] [--reuse new,reuse]
 """
 
 import argparse
@@ -43,11 +48,23 @@ sys.path.insert(0, str(REPO / "tests" / "e2e"))
 from scanners import FakeAntiSpam, FakeVirusScanner  # noqa: E402  (they answer clean at once)
 
 SENDER_UID = 65534
-SOURCE = ["/usr/sbin/smtp-source", "-d", "-M", "bench.test", "-f", "from@bench.test",
+SOURCE = ["/usr/sbin/smtp-source", "-M", "bench.test", "-f", "from@bench.test",
           "-t", "to@bench.test"]
-SOCAT_PORT, OFF_PORT, ON_PORT = 2526, 2527, 2528
+SOCAT_PORT, OFF_PORT, ON_PORT, HAPROXY_PORT = 2526, 2527, 2528, 2529
 # (label, smtp-source -l payload, messages for 1 sender, messages for 10 senders)
-SIZES = [("4 KB", 4096, 3000, 8000), ("1 MB", 1048576, 200, 400)]
+SIZES = {"4K": ("4 KB", 4096, 3000, 8000), "1M": ("1 MB", 1048576, 200, 400)}
+HAPROXY_CONF = f"""global
+    nbthread 1
+    maxconn 4000
+defaults
+    mode tcp
+    timeout connect 5s
+    timeout client 60s
+    timeout server 60s
+listen relay
+    bind *:{HAPROXY_PORT}
+    server backend 127.0.0.2:25
+"""
 
 
 def run(cmd, timeout=20):
@@ -150,7 +167,12 @@ class Bench:
                              "127.0.1.0/24", "-d", "127.0.0.2", "--dport", "25",
                              "-j", "REDIRECT", "--to-ports", str(port)]))
 
-    def send(self, port, size, senders, messages, proxy=None, perf=None):
+    def delivered(self):
+        """Messages smtp-sink has counted so far (its last -c counter line)."""
+        counts = self.log("sink", 200).rsplit("mesg=", 1)  # "sess=%d quit=%d mesg=%d\r"
+        return int(counts[1].split()[0]) if len(counts) == 2 else 0
+
+    def send(self, port, size, senders, messages, proxy=None, perf=None, reuse=True):
         """One smtp-source run; returns (messages per second, proxy CPU ms per message)."""
         self.redirect(port)
         pid = self.procs[proxy].pid if proxy else None
@@ -159,9 +181,16 @@ class Bench:
                                          str(pid), "-o", perf], stderr=subprocess.DEVNULL)
         t0 = time.monotonic()
         cmd = ["setpriv", f"--reuid={SENDER_UID}", f"--regid={SENDER_UID}", "--clear-groups"]
-        r = subprocess.run(self.nsexec(cmd + SOURCE + ["-s", str(senders), "-m", str(messages),
-                                                       "-l", str(size), "127.0.0.2:25"]),
-                           capture_output=True, text=True, timeout=300)
+        sunk = self.delivered()
+        try:
+            r = subprocess.run(self.nsexec(cmd + SOURCE + ["-d"] * reuse +
+                                           ["-s", str(senders), "-m", str(messages), "-l",
+                                            str(size), "127.0.0.2:25"]),
+                               capture_output=True, text=True, timeout=300)
+        except subprocess.TimeoutExpired:
+            where = f"\n{proxy} log tail:\n{self.log(proxy)}" if proxy else ""
+            raise RuntimeError(f"smtp-source stalled on {proxy or 'direct'} after "
+                               f"{self.delivered() - sunk} of {messages} messages{where}") from None
         elapsed = time.monotonic() - t0
         if rec:
             rec.send_signal(signal.SIGINT)
@@ -173,6 +202,9 @@ class Bench:
             wait_until(lambda: not Path(f"/proc/{pid}/task/{pid}/children").read_text(), 10,
                        "socat's children to be reaped")
         cpu = (cpu_ticks(pid) - cpu0) / os.sysconf("SC_CLK_TCK") if pid else None
+        wait_until(lambda: self.delivered() - sunk >= messages, 10, "smtp-sink's count")
+        if self.delivered() - sunk != messages:
+            raise RuntimeError(f"smtp-sink counted {self.delivered() - sunk} of {messages}")
         return messages / elapsed, cpu * 1000 / messages if pid else None
 
     def close(self):
@@ -195,7 +227,11 @@ def main():
     ap.add_argument("--vigild", default=str(REPO / "build-bench" / "vigild"))
     ap.add_argument("--repeat", type=int, default=5, help="runs per figure; the median is shown")
     ap.add_argument("--scale", type=float, default=1.0, help="multiplies the message counts")
-    ap.add_argument("--paths", default="direct,socat,off,on")
+    ap.add_argument("--paths", default="direct,socat,haproxy,off,on")
+    ap.add_argument("--senders", default="1,10")
+    ap.add_argument("--sizes", default="4K,1M")
+    ap.add_argument("--reuse", default="new,reuse",
+                    help="new: a connection per message; reuse: smtp-source -d")
     ap.add_argument("--perf", metavar="DIR", help="perf record the daemon in every run, into DIR")
     args = ap.parse_args()
     if os.geteuid() != 0:
@@ -203,51 +239,61 @@ def main():
     paths = args.paths.split(",")
     if ("off" in paths or "on" in paths) and not os.access(args.vigild, os.X_OK):
         sys.exit(f"relay_bench: {args.vigild} not built")
-    for tool in ["/usr/sbin/smtp-source", "/usr/sbin/iptables"] + ["socat"] * ("socat" in paths):
+    for tool in ["/usr/sbin/smtp-source", "/usr/sbin/iptables"] + ["socat"] * ("socat" in paths) + \
+            ["haproxy"] * ("haproxy" in paths):
         if not shutil.which(tool):
             sys.exit(f"relay_bench: {tool} missing (scripts/deps.sh; apt-get install socat)")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("relay_bench: terminated"))
-    port = {"direct": None, "socat": SOCAT_PORT, "off": OFF_PORT, "on": ON_PORT}
+    port = {"direct": None, "socat": SOCAT_PORT, "haproxy": HAPROXY_PORT, "off": OFF_PORT,
+            "on": ON_PORT}
     bench = Bench(os.path.abspath(args.vigild))
     try:
-        bench.start("sink", ["/usr/sbin/smtp-sink", "-u", "nobody", "-h", "sink.bench",
+        bench.start("sink", ["/usr/sbin/smtp-sink", "-c", "-u", "nobody", "-h", "sink.bench",
                              "127.0.0.2:25", "128"], 25)
         if "socat" in paths:
             bench.start("socat", ["socat", f"TCP4-LISTEN:{SOCAT_PORT},reuseaddr,fork,backlog=128",
                                   "TCP4:127.0.0.2:25"], SOCAT_PORT)
+        if "haproxy" in paths:
+            conf = bench.root / "haproxy.cfg"
+            conf.write_text(HAPROXY_CONF)
+            bench.start("haproxy", ["haproxy", "-db", "-f", str(conf)], HAPROXY_PORT)
         if "off" in paths:
             bench.start_vigild("off", OFF_PORT, scanners=False)
         if "on" in paths:
             bench.start_vigild("on", ON_PORT, scanners=True)
-        head = ["size", "senders"] + [f"{p} msg/s" for p in paths] + \
-            [f"{p}/direct" for p in paths if p != "direct" and "direct" in paths] + \
-            [f"{p} CPU ms/msg" for p in paths if p != "direct"]
-        print(f"load average at the start: {os.getloadavg()[0]:.2f}; medians of {args.repeat} runs")
+        ratios = [(p, "direct") for p in paths if p != "direct" and "direct" in paths] + \
+            [(p, "haproxy") for p in ("off", "on") if p in paths and "haproxy" in paths]
+        head = ["size", "senders", "connection"] + [f"{p} msg/s" for p in paths] + \
+            [f"{a}/{b}" for a, b in ratios] + \
+            [f"{p} CPU ms/msg" for p in paths if p != "direct"] + ["load"]
+        print(f"medians of {args.repeat} runs; load: the 1-minute load average after the row")
         print("| " + " | ".join(head) + " |\n|" + "---|" * len(head), flush=True)
-        for label, size, n1, n10 in SIZES:
-            for senders, n in ((1, n1), (10, n10)):
-                n = max(senders, int(n * args.scale))
+        senders_list = [int(s) for s in args.senders.split(",")]
+        for label, size, n1, n10 in (SIZES[s] for s in args.sizes.split(",")):
+            for senders, reuse in ((s, r) for s in senders_list for r in args.reuse.split(",")):
+                n = max(senders, int((n1 if senders == 1 else n10) * args.scale))
                 rates = {p: [] for p in paths}
                 cpus = {p: [] for p in paths}
                 for _ in range(args.repeat):
                     for p in paths:
                         before = bench.scanned()
                         proxy = p if p != "direct" else None
-                        perf = p in ("off", "on") and args.perf and \
-                            os.path.join(args.perf, f"{p}-{size}-{senders}-{len(rates[p])}.data")
-                        rate, cpu = bench.send(port[p], size, senders, n, proxy, perf)
+                        perf = p in ("off", "on") and args.perf and os.path.join(
+                            args.perf, f"{p}-{size}-{senders}-{reuse}-{len(rates[p])}.data")
+                        rate, cpu = bench.send(port[p], size, senders, n, proxy, perf,
+                                               reuse == "reuse")
                         if p == "on" and bench.scanned() != [b + n for b in before]:
                             raise RuntimeError(f"not every message was scanned: {before} -> "
                                                f"{bench.scanned()} requests for {n} messages")
                         rates[p].append(rate)
                         cpus[p].append(cpu)
                 med = {p: statistics.median(rates[p]) for p in paths}
-                row = [label, str(senders)] + [f"{med[p]:.0f}" for p in paths]
+                row = [label, str(senders), reuse] + [f"{med[p]:.0f}" for p in paths]
                 # Each ratio is taken within one repeat, whose runs were back to back.
-                ratio = {p: statistics.median(map(float.__truediv__, rates[p], rates["direct"]))
-                         for p in paths if p != "direct" and "direct" in paths}
-                row += [f"{r:.2f}" for r in ratio.values()]
+                row += [f"{statistics.median(map(float.__truediv__, rates[a], rates[b])):.2f}"
+                        for a, b in ratios]
                 row += [f"{statistics.median(cpus[p]):.3f}" for p in paths if p != "direct"]
+                row += [f"{os.getloadavg()[0]:.2f}"]
                 print("| " + " | ".join(row) + " |", flush=True)
     finally:
         bench.close()

@@ -1,7 +1,10 @@
 #include "event/comm.h"
 
 #include <poll.h>
+#include <sys/epoll.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -16,8 +19,49 @@ CommState comm;
 
 namespace {
 
+// At most this many ready descriptors are taken from the kernel per cycle;
+// the rest stay ready (level-triggered) for the next one.
+constexpr int MAX_EVENTS = 4096;
+
 bool valid(int fd) {
   return fd >= 0 && fd < comm.nfiles;
+}
+
+void touch(int fd) {
+  DescriptorRecord& r = comm.fds[fd];
+  if (r.dirty) return;
+  r.dirty = true;
+  comm.dirty.push_back(fd);
+}
+
+// Brings the epoll set in line with the table for every descriptor touched
+// since the last wait. A descriptor left without handlers leaves the set, so
+// a hung-up peer nobody reads cannot wake the loop for nothing.
+void sync_interest() {
+  for (int fd : comm.dirty) {
+    DescriptorRecord& r = comm.fds[fd];
+    r.dirty = false;
+    const short want = r.free ? 0 : r.poll.events;
+    if (want == r.kernel && !r.stale) continue;
+    epoll_event e{};
+    e.events = ((want & POLLIN) ? EPOLLIN : 0u) | ((want & POLLOUT) ? EPOLLOUT : 0u);
+    e.data.fd = fd;
+    int rc = 0;
+    if (want == 0) {
+      // Fails harmlessly when the owner closed fd: the kernel dropped it then.
+      if (r.kernel != 0 || r.stale) epoll_ctl(comm.epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
+    } else {
+      rc = epoll_ctl(comm.epoll_fd, r.kernel != 0 ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &e);
+      // A stale record may name a new descriptor (ENOENT) or still the old one
+      // (EEXIST).
+      if (rc < 0 && errno == ENOENT) rc = epoll_ctl(comm.epoll_fd, EPOLL_CTL_ADD, fd, &e);
+      if (rc < 0 && errno == EEXIST) rc = epoll_ctl(comm.epoll_fd, EPOLL_CTL_MOD, fd, &e);
+      if (rc < 0) dlog(DLOG_COMM, 1, "epoll_ctl: fd %d: %m\n", fd);
+    }
+    r.kernel = rc < 0 ? 0 : want;
+    r.stale = false;
+  }
+  comm.dirty.clear();
 }
 
 void unlink_used(int fd) {
@@ -28,6 +72,7 @@ void unlink_used(int fd) {
     comm.fds[r.prev].next = r.next;
   if (r.next >= 0) comm.fds[r.next].prev = r.prev;
   r.next = r.prev = -1;
+  comm.used--;
 }
 
 void push_used(int fd) {
@@ -38,6 +83,29 @@ void push_used(int fd) {
   if (comm.used_head >= 0) comm.fds[comm.used_head].prev = fd;
   comm.used_head = fd;
   r.poll = pollfd{fd, 0, 0};
+  r.added = ++comm.added;
+  comm.used++;
+}
+
+// Drops interest in the given directions; the record leaves the used list
+// when no handler is left. The owner's own clear (not the one-shot clear
+// before a dispatch) marks the record stale.
+void clear_interest(int fd, int flags) {
+  DescriptorRecord& r = comm.fds[fd];
+  if (r.free) return;
+  if (flags & COMM_READ) {
+    r.read_handler = nullptr;
+    r.poll.events &= ~POLLIN;
+    r.ready = false;
+  }
+  if (flags & COMM_WRITE) {
+    r.write_handler = nullptr;
+    r.poll.events &= ~POLLOUT;
+  }
+  touch(fd);
+  if (r.read_handler != nullptr || r.write_handler != nullptr) return;
+  r.free = 1;
+  unlink_used(fd);
 }
 
 void comm_dump_list(FILE* stream, int head) {
@@ -65,7 +133,7 @@ bool dispatch(int n, short interest, bool read_pass) {
     dlog(DLOG_COMM, 9, read_pass ? "poll rh: %d\n" : "poll wh: %d\n", fd);
     IoHandler handler = read_pass ? r.read_handler : r.write_handler;
     void* data = read_pass ? r.read_data : r.write_data;
-    comm_clear_fd(fd, read_pass ? COMM_READ : COMM_WRITE);
+    clear_interest(fd, read_pass ? COMM_READ : COMM_WRITE);
     if (handler != nullptr) {
       dlog(DLOG_COMM, 9, read_pass ? "Read Calling %p %d\n" : "Write Calling %p %d\n",
            reinterpret_cast<void*>(handler), fd);
@@ -96,10 +164,16 @@ int comm_init(int n) {
     comm.fds.assign(comm.nfiles, DescriptorRecord{});
     comm.polls.assign(comm.nfiles, pollfd{});
     comm.writes.assign(comm.nfiles, WriteQueue{});
+    comm.events.assign(static_cast<size_t>(std::min(comm.nfiles, MAX_EVENTS)), epoll_event{});
   } catch (const std::bad_alloc&) {
     // Without its tables the loop cannot run; start-up ends here.
     errno = ENOMEM;
     dlog(DLOG_COMM, 0, "comm_init: can't allocate tables for %d fds: %m\n", comm.nfiles);
+    exit(1);
+  }
+  comm.epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+  if (comm.epoll_fd < 0) {
+    dlog(DLOG_COMM, 0, "comm_init: epoll_create1: %m\n");
     exit(1);
   }
   comm.free_head = 0;
@@ -116,6 +190,10 @@ void comm_add_fd(int fd, int flags, IoHandler handler, void* data) {
   }
   DescriptorRecord& r = comm.fds[fd];
   if (handler == nullptr) {
+    // An owner clearing a descriptor is about to close it, perhaps after the
+    // dispatch had already freed its record: the epoll set must be checked.
+    r.stale = true;
+    touch(fd);
     if (r.free) return;
     if (((flags & COMM_READ) && r.read_handler) || ((flags & COMM_WRITE) && r.write_handler))
       comm.restart = true;
@@ -133,6 +211,7 @@ void comm_add_fd(int fd, int flags, IoHandler handler, void* data) {
     r.write_data = data;
     r.poll.events |= POLLOUT;
   }
+  touch(fd);
 }
 
 void comm_read(int fd, IoHandler handler, void* data) {
@@ -155,20 +234,9 @@ void comm_clear_fd(int fd, int flags) {
     dlog(DLOG_COMM, 1, "comm_clear_fd: invalid fd: %d\n", fd);
     return;
   }
-  DescriptorRecord& r = comm.fds[fd];
-  if (r.free) return;
-  if (flags & COMM_READ) {
-    r.read_handler = nullptr;
-    r.poll.events &= ~POLLIN;
-    r.ready = false;
-  }
-  if (flags & COMM_WRITE) {
-    r.write_handler = nullptr;
-    r.poll.events &= ~POLLOUT;
-  }
-  if (r.read_handler != nullptr || r.write_handler != nullptr) return;
-  r.free = 1;
-  unlink_used(fd);
+  if (comm.fds[fd].free) return;
+  comm.fds[fd].stale = true;
+  clear_interest(fd, flags);
 }
 
 int comm_set_current_polls() {
@@ -195,39 +263,54 @@ void comm_run(int timeout) {
   dlog(DLOG_COMM, 9, "comm_run: %d\n", timeout);
   errno = 0;
   int wait_ms = static_cast<unsigned>(timeout) <= 2 ? timeout * 1000 : 2000;
-  int n = comm_set_current_polls();
-  // The array was just built from the used list as it stands, so a removal
-  // made between cycles (a timer closing a connection, say) leaves nothing
-  // stale in it and must not cut this cycle short.
+  sync_interest();
+  // Removals made between cycles (a timer closing a connection, say) are in
+  // the set already and must not cut this cycle short.
   comm.restart = false;
-  if (n == 0) {
+  if (comm.used == 0) {
     dlog(DLOG_COMM, 1, "Nothing to poll?\n");
     return;
   }
+  dlog(DLOG_COMM, 9, "Polling total of %d fds\n", comm.used);
   bool any_ready = false;
   for (int fd : comm.ready) any_ready = any_ready || comm.fds[fd].ready;
-  int r = poll(comm.polls.data(), static_cast<nfds_t>(n), any_ready ? 0 : wait_ms);
+  int r = epoll_wait(comm.epoll_fd, comm.events.data(), static_cast<int>(comm.events.size()),
+                     any_ready ? 0 : wait_ms);
   dlog(DLOG_COMM, 9, "poll result: %d %m\n", r);
   if (r < 0 && !is_transient_errno(errno)) {
     dlog(DLOG_COMM, 0, "Poll failed: %m\n");
     exit(1);
   }
   comm_update_time();
+  int n = 0;
+  for (int i = 0; i < r; i++) {
+    const epoll_event& e = comm.events[static_cast<size_t>(i)];
+    const DescriptorRecord& d = comm.fds[e.data.fd];
+    short revents = static_cast<short>(
+        ((e.events & EPOLLIN) ? POLLIN : 0) | ((e.events & EPOLLOUT) ? POLLOUT : 0) |
+        ((e.events & EPOLLERR) ? POLLERR : 0) | ((e.events & EPOLLHUP) ? POLLHUP : 0));
+    if (!d.free) comm.polls[static_cast<size_t>(n++)] = pollfd{e.data.fd, d.poll.events, revents};
+  }
   // Descriptors marked by comm_read_now count as readable in this cycle's
   // read pass, in their usual place in the dispatch order.
-  int marked = 0;
-  if (any_ready) {
-    for (int i = 0; i < n; i++) {
-      pollfd& p = comm.polls[i];
-      if (comm.fds[p.fd].ready && (p.events & POLLIN)) {
-        p.revents |= POLLIN;
-        marked++;
-      }
-    }
-    for (int fd : comm.ready) comm.fds[fd].ready = false;
-    comm.ready.clear();
+  for (int fd : comm.ready) {
+    DescriptorRecord& d = comm.fds[fd];
+    if (!d.ready || !(d.poll.events & POLLIN)) continue;
+    d.ready = false;
+    auto hit = std::find_if(comm.polls.begin(), comm.polls.begin() + n,
+                            [fd](const pollfd& p) { return p.fd == fd; });
+    if (hit != comm.polls.begin() + n)
+      hit->revents |= POLLIN;
+    else
+      comm.polls[static_cast<size_t>(n++)] = pollfd{fd, d.poll.events, POLLIN};
   }
-  if (r <= 0 && marked == 0) return;
+  comm.ready.clear();
+  // The order poll() gave: the most recently registered descriptor first.
+  std::sort(comm.polls.begin(), comm.polls.begin() + n, [](const pollfd& a, const pollfd& b) {
+    return comm.fds[a.fd].added > comm.fds[b.fd].added;
+  });
+  comm.npolls = n;
+  if (n == 0) return;
   if (!dispatch(n, POLLIN, true)) return;
   dispatch(n, POLLOUT, false);
 }

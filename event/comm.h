@@ -1,4 +1,4 @@
-// The poll loop: a table of descriptors indexed by number with one-shot read
+// The event loop (epoll): a table of descriptors indexed by number with one-shot read
 // and write handlers, queued non-blocking writes and file sends, asynchronous
 // connects and accepts, and the cached current time the timers read. One
 // instance per process; nothing here closes a descriptor.
@@ -26,7 +26,7 @@ struct CommAccept;   // a pending accept, owned by the loop
 // Sizes the table for up to n descriptors (raising the process limit) and
 // returns the number usable. A second call ends the process.
 int comm_init(int n);
-// One cycle: build the poll set, wait up to timeout seconds (at most 2), dispatch
+// One cycle: tell epoll what changed, wait up to timeout seconds (at most 2), dispatch
 // every read before any write.
 void comm_run(int timeout);
 void comm_add_fd(int fd, int flags, IoHandler handler, void* data);
@@ -56,8 +56,11 @@ long long comm_queued_bytes(int fd);
 void comm_clear_write(int fd, int notify);
 void comm_finished(int fd, CommHandler handler, void* data);
 void comm_interm(int fd, CommHandler handler, void* data, int interval);
-// Sends a whole file (or from offset) out of a read-only mapping; the caller
-// may close file_fd once the call returns.
+// Sends length bytes of file_fd from offset, queued like comm_write. file_fd
+// is borrowed: it must stay open until handler has run.
+int comm_send_file(int fd, int file_fd, int offset, int length, CommHandler handler, void* data);
+// Sends a whole file (or from offset) with sendfile; the caller may close
+// file_fd once the call returns. An empty file fails.
 int comm_write_file(int fd, int file_fd, CommHandler handler, void* data);
 int comm_write_file_offset(int fd, int file_fd, int offset, CommHandler handler, void* data);
 

@@ -1,11 +1,13 @@
-// State shared by the loop's source files: the descriptor table, the poll
-// array, the per-descriptor write queues and the pending connect/accept
-// lists. Not for use outside event/.
+// State shared by the loop's source files: the descriptor table, the epoll
+// set and the array of a cycle's ready descriptors, the per-descriptor write
+// queues and the pending connect/accept lists. Not for use outside event/.
 #pragma once
 
 #include <poll.h>
+#include <sys/epoll.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <new>
@@ -24,16 +26,27 @@ struct DescriptorRecord {
   void* write_data = nullptr;
   pollfd poll{-1, 0, 0};  // fd and events; revents lives in the poll array only
   bool ready = false;     // read handler runs next cycle without the kernel's word
+  // The epoll set learns of interest changes only before it is waited on, so
+  // a handler that re-arms the direction it was called for costs no system
+  // call. kernel is what the set holds for fd; dirty puts fd on the list the
+  // next wait looks at; stale says an owner cleared the descriptor (it may
+  // have been closed and its number reused since), so the set is told again.
+  short kernel = 0;
+  bool dirty = false;
+  bool stale = false;
+  uint64_t added = 0;  // when it entered the used list: dispatch goes newest first
 };
 
 struct QueuedWrite {
   QueuedWrite* next;
   const char* buffer;
   int size;    // bytes still to write
-  int offset;  // bytes already written
+  int offset;  // bytes already written; for a file, where in it to go on
   CommHandler handler;
   void* data;
   ReleaseFn release;
+  int file_fd = -1;        // a file send: the bytes come from here, by sendfile
+  bool owns_file = false;  // file_fd is closed when the send completes
 };
 
 struct HandlerEntry {
@@ -67,9 +80,14 @@ struct PendingOp {  // a pending connect or accept
 struct CommState {
   int nfiles = 0;
   std::vector<DescriptorRecord> fds;
-  std::vector<pollfd> polls;
+  std::vector<pollfd> polls;  // the descriptors of the last cycle, in dispatch order
   std::vector<WriteQueue> writes;
   int npolls = 0;
+  int epoll_fd = -1;
+  std::vector<epoll_event> events;
+  std::vector<int> dirty;  // descriptors whose interest changed since the last wait
+  uint64_t added = 0;
+  int used = 0;
   std::vector<int> ready;  // descriptors marked by comm_read_now, in order
   int used_head = -1;
   int free_head = -1;

@@ -1,4 +1,5 @@
-#include <sys/mman.h>
+#include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,27 +13,6 @@
 
 namespace {
 
-struct FileSend {  // "pcwf" in the log lines
-  int fd;
-  void* map;
-  size_t size;
-  CommHandler handler;
-  void* data;
-};
-
-void comm_write_file_callback_free(FileSend* record) {
-  dlog(DLOG_COMM, 7, "comm_write_file_callback_free: pcwf %p\n", static_cast<void*>(record));
-  munmap(record->map, record->size);
-  delete record;
-}
-
-void comm_write_file_callback(int fd, int error, void* data) {
-  auto* record = static_cast<FileSend*>(data);
-  dlog(DLOG_COMM, 7, "comm_write_file_callback: fd %d pcwf %p\n", fd, data);
-  if (record->handler != nullptr) record->handler(record->fd, error, record->data);
-  comm_write_file_callback_free(record);
-}
-
 // Completes one write: the handler learns the outcome, then the buffer goes
 // back to its owner. Exactly once per immediate or queued write.
 void complete(int fd, CommHandler handler, void* data, ReleaseFn release, const void* buffer,
@@ -41,9 +21,27 @@ void complete(int fd, CommHandler handler, void* data, ReleaseFn release, const 
   if (release != nullptr) release(const_cast<void*>(buffer));
 }
 
+void finish(int fd, const QueuedWrite& w, int error) {
+  complete(fd, w.handler, w.data, w.release, w.buffer, error);
+  if (w.owns_file) close(w.file_fd);
+}
+
 void finish_write(int fd, QueuedWrite* w, int error) {
-  complete(fd, w->handler, w->data, w->release, w->buffer, error);
+  finish(fd, *w, error);
   delete w;
+}
+
+// Files go from the page cache to the socket without passing through here.
+// A file shorter than announced is an error: it would never be done.
+ssize_t send_some(int fd, const QueuedWrite& w) {
+  if (w.file_fd < 0) return write(fd, w.buffer + w.offset, static_cast<size_t>(w.size));
+  off_t at = w.offset;
+  ssize_t n = sendfile(fd, w.file_fd, &at, static_cast<size_t>(w.size));
+  if (n == 0 && w.size > 0) {
+    errno = EIO;
+    return -1;
+  }
+  return n;
 }
 
 // Unlinks the head before anything is called, so a handler that writes to or
@@ -75,7 +73,7 @@ void cwcb(int fd, void* data) {
   (void)data;
   if (head == nullptr) return;
   int error = 0;
-  ssize_t n = write(fd, head->buffer + head->offset, static_cast<size_t>(head->size));
+  ssize_t n = send_some(fd, *head);
   dlog(DLOG_COMM, 7, "cwcb: fd: %d, size: %d, witten %d bytes\n", fd, head->size,
        static_cast<int>(n));
   if (n == head->size) {
@@ -118,10 +116,41 @@ void cwcb(int fd, void* data) {
   }
 }
 
+// Writes now when nothing is queued, else queues w.
+int start_write(int fd, QueuedWrite w) {
+  WriteQueue& q = comm.writes[fd];
+  // Behind a non-empty queue nothing is tried: bytes leave in call order.
+  if (q.head == nullptr) {
+    ssize_t n = send_some(fd, w);
+    if (n == w.size) {
+      finish(fd, w, 0);
+      return 0;
+    }
+    if (n < 0 && !is_transient_errno(errno)) {
+      dlog(DLOG_COMM, 5, "comm_write err on fd %d, %d %m\n", fd, errno);
+      finish(fd, w, 1);
+      return -1;
+    }
+    if (n > 0) {
+      w.offset += static_cast<int>(n);
+      w.size -= static_cast<int>(n);
+    }
+  }
+  dlog(DLOG_COMM, 7, "comm_write: queuing: size %d\n", w.size);
+  auto* queued = comm_alloc(static_cast<QueuedWrite&&>(w));
+  if (q.tail != nullptr)
+    q.tail->next = queued;
+  else
+    q.head = queued;
+  q.tail = queued;
+  q.count++;
+  q.bytes += queued->size;
+  register_cwcb(fd);
+  return 0;
+}
+
 int queue_file(int fd, int file_fd, off_t offset, CommHandler handler, void* data,
                const char* invalid_message, bool log_size) {
-  // A destination beyond the table is refused here too: comm_write would
-  // ignore it and the mapping would never be given back.
   if (!comm_valid_fd(fd) || file_fd < 0) {
     dlog(DLOG_COMM, 1, invalid_message, comm_valid_fd(fd) ? file_fd : fd);
     return -1;
@@ -133,29 +162,26 @@ int queue_file(int fd, int file_fd, off_t offset, CommHandler handler, void* dat
     return -1;
   }
   if (log_size) dlog(DLOG_COMM, 7, "write_file size: %d\n", static_cast<int>(st.st_size));
-  auto* record = comm_alloc(FileSend{fd, nullptr, static_cast<size_t>(st.st_size), handler, data});
-  void* map =
-      st.st_size > 0 ? mmap(nullptr, record->size, PROT_READ, MAP_PRIVATE, file_fd, 0) : MAP_FAILED;
-  if (map == MAP_FAILED) {
-    if (st.st_size == 0) errno = EINVAL;  // an empty file cannot be mapped
-    delete record;
-    dlog(DLOG_COMM, 1, "Error mmap()ing file: %m\n");
+  // The caller may close file_fd once this returns: the send keeps its own.
+  int copy = st.st_size > 0 ? fcntl(file_fd, F_DUPFD_CLOEXEC, 0) : -1;
+  if (copy < 0) {
+    if (st.st_size == 0) errno = EINVAL;  // nothing to send is taken for a failure
+    dlog(DLOG_COMM, 1, "Error sending file: %m\n");
     if (handler != nullptr) handler(fd, 1, data);
     return -1;
   }
-  record->map = map;
-  if (log_size) {
-    dlog(DLOG_COMM, 7, "comm_write_file: fd %d file_fd %d handler %p data %p pcwf %p\n", fd,
-         file_fd, reinterpret_cast<void*>(handler), data, static_cast<void*>(record));
-  } else {
-    dlog(DLOG_COMM, 7,
-         "com_file_write_offset: fd %d file_fd %d offset %d handler %p data %p pcwf %p\n", fd,
-         file_fd, static_cast<int>(offset), reinterpret_cast<void*>(handler), data,
-         static_cast<void*>(record));
-  }
-  int r = comm_write(fd, static_cast<char*>(map) + offset, static_cast<int>(st.st_size - offset),
-                     comm_write_file_callback, record, nullptr);
-  return r >= 0 ? 0 : -1;
+  dlog(DLOG_COMM, 7, "comm_write_file: fd %d file_fd %d offset %d handler %p data %p\n", fd,
+       file_fd, static_cast<int>(offset), reinterpret_cast<void*>(handler), data);
+  QueuedWrite w{nullptr,
+                nullptr,
+                static_cast<int>(st.st_size - offset),
+                static_cast<int>(offset),
+                handler,
+                data,
+                nullptr,
+                copy,
+                true};
+  return start_write(fd, w) >= 0 ? 0 : -1;
 }
 
 }  // namespace
@@ -168,34 +194,19 @@ int comm_write(int fd, const void* buffer, int length, CommHandler handler, void
     dlog(DLOG_COMM, 1, "comm_write: invalid fd: %d\n", fd);
     return 0;
   }
-  WriteQueue& q = comm.writes[fd];
-  int offset = 0;
-  // Behind a non-empty queue nothing is tried: bytes leave in call order.
-  if (q.head == nullptr) {
-    ssize_t n = write(fd, buffer, static_cast<size_t>(length));
-    if (n == length) {
-      complete(fd, handler, data, release, buffer, 0);
-      return 0;
-    }
-    if (n < 0 && !is_transient_errno(errno)) {
-      dlog(DLOG_COMM, 5, "comm_write err on fd %d, %d %m\n", fd, errno);
-      complete(fd, handler, data, release, buffer, 1);
-      return -1;
-    }
-    if (n > 0) offset = static_cast<int>(n);
+  return start_write(fd, QueuedWrite{nullptr, static_cast<const char*>(buffer), length, 0, handler,
+                                     data, release});
+}
+
+int comm_send_file(int fd, int file_fd, int offset, int length, CommHandler handler, void* data) {
+  dlog(DLOG_COMM, 7, "comm_send_file: fd %d file_fd %d offset %d size %d\n", fd, file_fd, offset,
+       length);
+  if (!comm_valid_fd(fd)) {
+    dlog(DLOG_COMM, 1, "comm_send_file: invalid fd: %d\n", fd);
+    return 0;
   }
-  dlog(DLOG_COMM, 7, "comm_write: queuing: size %d\n", length - offset);
-  auto* w = comm_alloc(QueuedWrite{nullptr, static_cast<const char*>(buffer), length - offset,
-                                   offset, handler, data, release});
-  if (q.tail != nullptr)
-    q.tail->next = w;
-  else
-    q.head = w;
-  q.tail = w;
-  q.count++;
-  q.bytes += w->size;
-  register_cwcb(fd);
-  return 0;
+  return start_write(
+      fd, QueuedWrite{nullptr, nullptr, length, offset, handler, data, nullptr, file_fd, false});
 }
 
 long long comm_queued_bytes(int fd) {
@@ -227,11 +238,9 @@ void comm_clear_write(int fd, int notify) {
     if (notify && w->handler != nullptr) {
       errno = 0;
       w->handler(fd, 1, w->data);
-    } else if (w->handler == comm_write_file_callback) {
-      // A dropped file send must still give back its mapping.
-      comm_write_file_callback_free(static_cast<FileSend*>(w->data));
     }
     if (w->release != nullptr) w->release(const_cast<char*>(w->buffer));
+    if (w->owns_file) close(w->file_fd);
     delete w;
     w = next;
   }

@@ -1,37 +1,63 @@
-// Line streams. Lines not already buffered are read straight into the caller's
-// string; when a read fails before the terminator arrives, whatever the line
-// gained in that call goes back into the stream buffer, so a non-blocking peer
-// that sends a line in pieces loses nothing between calls.
+// Line streams. Every stream reads into one shared buffer of LSTREAM_READ_MAX
+// bytes (the process has one thread), so a large read costs no memory per
+// connection: a stream keeps only the bytes its caller has not taken yet, and
+// lets go of them as soon as they are all taken. Lines leave the kept bytes
+// by moving an offset, never by shifting what follows them.
 #include "foundation/lstream.h"
 
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 namespace {
 
-void buffer_clear(DynString* b) {
-  b->length = 0;
-  b->data[0] = 0;
+char shared[LSTREAM_READ_MAX];
+
+int held(const LineStream* s) {
+  return s->buffer != nullptr ? s->buffer->length - s->offset : 0;
 }
 
-// Puts the bytes line gained since `from` back into the (empty) stream buffer
-// and cuts line back to `from`. On allocation failure the bytes stay in line,
-// which is still better than losing them.
-void give_back(LineStream* stream, DynString* line, int from) {
-  int n = line->length - from;
-  if (stream->buffer->capacity > n) {
-    memcpy(stream->buffer->data, line->data + from, static_cast<size_t>(n));
-    stream->buffer->length = n;
-    stream->buffer->data[n] = 0;
-  } else {
-    DynString* fresh = dstr_from_block(line->data + from, n);
-    if (fresh == nullptr) return;
-    dstr_free(stream->buffer);
-    stream->buffer = fresh;
+const char* held_data(const LineStream* s) {
+  return s->buffer->data + s->offset;
+}
+
+void release(LineStream* s) {
+  dstr_free(s->buffer);
+  s->buffer = nullptr;
+  s->offset = 0;
+}
+
+void consume(LineStream* s, int n) {
+  s->offset += n;
+  if (s->offset >= s->buffer->length) release(s);
+}
+
+// Keeps n more bytes behind the held ones. What is held then is at most a
+// partial line, so moving it to the front first is cheap.
+int keep(LineStream* s, const char* p, int n) {
+  if (n == 0) return 0;
+  if (s->buffer == nullptr) {
+    s->buffer = dstr_from_block(p, n);
+    return s->buffer != nullptr ? 0 : -1;
   }
-  line->length = from;
-  line->data[from] = 0;
+  if (s->offset > 0) {
+    dstr_delete(s->buffer, 0, s->offset);
+    s->offset = 0;
+  }
+  return dstr_cat_block(s->buffer, p, n);
+}
+
+// Moves the held bytes and then n bytes of p to line; p's bytes after them
+// are kept.
+int deliver(DynString* line, LineStream* s, const char* p, int n, int read) {
+  int h = held(s);
+  if (dstr_alloc(line, line->length + h + n + 1) != 0) return -1;
+  if (h > 0) dstr_cat_block(line, held_data(s), h);
+  dstr_cat_block(line, p, n);
+  if (s->buffer != nullptr) release(s);
+  return keep(s, p + n, read - n);
 }
 
 }  // namespace
@@ -40,98 +66,61 @@ LineStream* lstream_open(int fd, LstreamReadFn read, int chunk_size) {
   if (read == nullptr || chunk_size < 1) return nullptr;
   LineStream* s = static_cast<LineStream*>(malloc(sizeof(LineStream)));
   if (s == nullptr) return nullptr;
-  s->buffer = dstr_new(chunk_size);
-  if (s->buffer == nullptr) {
-    free(s);
-    return nullptr;
-  }
   s->fd = fd;
   s->read = read;
-  s->chunk_size = chunk_size;
+  s->buffer = nullptr;
+  s->offset = 0;
+  s->chunk_size = std::min(chunk_size, LSTREAM_READ_MAX);
   return s;
 }
 
 int lstream_readline(DynString* line, LineStream* stream, char term, int limit) {
-  if (stream == nullptr || stream->buffer == nullptr || line == nullptr || line->capacity < 1) {
-    return -1;
-  }
-  const int from = line->length;
-  DynString* buf = stream->buffer;
-  const int l = buf->length;
-  const int chunk = stream->chunk_size;
-
-  // Room for a chunk behind the sentinel; a buffer that already holds more
-  // (bytes given back after a failed read) keeps its NUL slot for it.
-  if (dstr_alloc(buf, (l > chunk ? l : chunk) + 1) != 0) return -1;
-  buf->data[l] = term;
-  const char* hit = static_cast<const char*>(memchr(buf->data, term, static_cast<size_t>(l) + 1));
-  buf->data[l] = 0;
-  int i = static_cast<int>(hit - buf->data);
-  if (i < l) {
-    if (dstr_cat_block(line, buf->data, i + 1) != 0) return -1;
-    dstr_delete(buf, 0, i + 1);
-    return 0;
-  }
-
-  if (dstr_cat_block(line, buf->data, l) != 0) return -1;
-  buffer_clear(buf);
-
+  if (stream == nullptr || line == nullptr || line->capacity < 1) return -1;
+  // Bytes line may still take; at least one, so a full line still moves on.
+  const int room = std::max(limit - line->length, 1);
   for (;;) {
-    if (dstr_alloc(line, line->length + chunk) != 0) {
-      give_back(stream, line, from);
-      errno = ENOMEM;
-      return -1;
+    const int h = held(stream);
+    if (h > 0) {
+      const char* p = held_data(stream);
+      const void* hit = memchr(p, term, static_cast<size_t>(std::min(h, room)));
+      if (hit != nullptr || h >= room) {
+        int take = hit != nullptr ? static_cast<int>(static_cast<const char*>(hit) - p) + 1 : room;
+        if (dstr_cat_block(line, p, take) != 0) return -1;
+        consume(stream, take);
+        return 0;
+      }
     }
-    char* end = line->data + line->length;
-    ssize_t r = stream->read(stream->fd, end, static_cast<size_t>(chunk));
-    if (r < 0) {
-      int saved = errno;
-      if (line->length > from) give_back(stream, line, from);
-      errno = saved;
-      return -1;
-    }
+    ssize_t r = stream->read(stream->fd, shared, static_cast<size_t>(stream->chunk_size));
+    if (r < 0) return -1;  // errno as the read left it; the held bytes stay
     if (r == 0) {
+      if (deliver(line, stream, shared, 0, 0) != 0) return -1;
       dstr_terminate(line);
-      buffer_clear(stream->buffer);
       return 0;
     }
-    int n = static_cast<int>(r);
-    end[n] = term;
-    int j = static_cast<int>(
-        static_cast<const char*>(memchr(end, term, static_cast<size_t>(n) + 1)) - end);
-    if (j < n) {
-      line->length += j + 1;
-      // The bytes after the terminator become the whole stream buffer; it was
-      // sized for a chunk in the first step, so this cannot fail.
-      buffer_clear(stream->buffer);
-      dstr_cat_block(stream->buffer, end + j + 1, n - j - 1);
-      line->data[line->length] = 0;
-      return 0;
+    const int n = static_cast<int>(r);
+    const int space = room - h;  // > 0: the held bytes are a partial line within room
+    const void* hit = memchr(shared, term, static_cast<size_t>(std::min(n, space)));
+    if (hit != nullptr || n >= space) {
+      int take =
+          hit != nullptr ? static_cast<int>(static_cast<const char*>(hit) - shared) + 1 : space;
+      return deliver(line, stream, shared, take, n);
     }
-    line->length += n;
-    line->data[line->length] = 0;
-    if (line->length >= limit) {
-      buffer_clear(stream->buffer);
-      return 0;
-    }
+    if (keep(stream, shared, n) != 0) return -1;
   }
 }
 
 int lstream_read(DynString* out, LineStream* stream, int n) {
-  if (out == nullptr || stream == nullptr || stream->buffer == nullptr || n < 0) return -1;
+  if (out == nullptr || stream == nullptr || n < 0) return -1;
   if (n > 0x3fffffff - out->length) return -1;
   if (dstr_alloc(out, out->length + n) != 0) return -1;
-  DynString* buf = stream->buffer;
+  const int h = held(stream);
   bool delivered = false;
-  if (buf->length > 0) {
-    if (buf->length > n) {
-      dstr_cat_block(out, buf->data, n);
-      dstr_delete(buf, 0, n);
-      return 0;
-    }
-    dstr_cat_block(out, buf->data, buf->length);
-    n -= buf->length;
-    buffer_clear(buf);
+  if (h > 0) {
+    int take = std::min(h, n);
+    dstr_cat_block(out, held_data(stream), take);
+    consume(stream, take);
+    if (take == n) return 0;
+    n -= take;
     delivered = true;
   }
   if (n == 0) return 0;
@@ -142,9 +131,13 @@ int lstream_read(DynString* out, LineStream* stream, int n) {
   return 0;
 }
 
+int lstream_buffered(const LineStream* stream) {
+  return stream != nullptr ? held(stream) : 0;
+}
+
 int lstream_close(DynString* rest, LineStream* stream) {
   if (stream == nullptr) return -1;
-  if (rest != nullptr && stream->buffer != nullptr) dstr_concat(rest, stream->buffer);
+  if (rest != nullptr && held(stream) > 0) dstr_cat_block(rest, held_data(stream), held(stream));
   dstr_free(stream->buffer);
   int fd = stream->fd;
   free(stream);

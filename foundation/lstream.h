@@ -12,20 +12,31 @@
 
 using LstreamReadFn = ssize_t (*)(int fd, void* buffer, size_t size);
 
+// The most bytes one read asks for, whatever the chunk size.
+constexpr int LSTREAM_READ_MAX = 65536;
+
 struct LineStream {
   int fd;
   LstreamReadFn read;
-  DynString* buffer;  // bytes read and not yet taken; owned
-  int chunk_size;
+  // Bytes read and not yet taken are buffer's from offset on. Reads go into
+  // one buffer shared by every stream, and only what a read leaves over is
+  // kept here, so an idle stream holds no buffer at all (null). Owned.
+  DynString* buffer;
+  int offset;
+  int chunk_size;  // the most bytes asked of one read (capped at LSTREAM_READ_MAX)
 };
 
 LineStream* lstream_open(int fd, LstreamReadFn read, int chunk_size);
-// Appends the next line (terminator included) to line. 0: a line, a line cut
-// at the limit, the last bytes before EOF, or nothing at EOF. -1: error, or no
-// complete line yet (errno transient); the bytes stay in the stream.
+// Appends the next line (terminator included) to line, as long as line stays
+// within limit bytes; a longer one is cut there and its rest comes next. 0: a
+// line, a line cut at the limit, the last bytes before EOF, or nothing at EOF.
+// -1: error, or no complete line yet (errno transient); the bytes stay in the
+// stream.
 int lstream_readline(DynString* line, LineStream* stream, char terminator, int limit);
 // Appends up to n bytes to out: buffered ones first, then at most one read.
 int lstream_read(DynString* out, LineStream* stream, int n);
+// Bytes read from the descriptor and not yet taken.
+int lstream_buffered(const LineStream* stream);
 // Appends still-buffered bytes to rest (if non-null), frees the stream and
 // returns its fd, which the caller still owns.
 int lstream_close(DynString* rest, LineStream* stream);

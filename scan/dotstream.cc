@@ -29,9 +29,21 @@ size_t append_run(const char* p, size_t i, size_t n, std::string* out) {
   return j;
 }
 
+// A line ended by CR LF with no other CR or LF in it: the rule leaves it as
+// it is. Nearly every line of a message is one.
+bool plain_line(const char* p, size_t n) {
+  return n >= 2 && p[n - 1] == '\n' && p[n - 2] == '\r' && memchr(p, '\r', n - 2) == nullptr &&
+         memchr(p, '\n', n - 2) == nullptr;
+}
+
 // Content bytes with the line-end rule applied; newline and after_crlf
 // follow the last line end.
 void take(DotDecoder* d, const char* p, size_t n, std::string* out) {
+  if (!d->pending_cr && plain_line(p, n)) {
+    out->append(p, n);
+    d->newline = d->after_crlf = true;
+    return;
+  }
   size_t i = 0;
   while (i < n) {
     char c = p[i];
@@ -113,10 +125,35 @@ DotResult dot_decode_idle(DotDecoder* d, std::string* out) {
   return DotResult::END;
 }
 
+namespace {
+
+// From a line start at i: the end of the run of plain lines that do not
+// start with ".", which go out unchanged.
+size_t plain_lines(const char* p, size_t i, size_t n) {
+  while (i < n && p[i] != '.') {
+    const void* lf = memchr(p + i, '\n', n - i);
+    if (lf == nullptr) break;
+    size_t end = static_cast<size_t>(static_cast<const char*>(lf) - p) + 1;
+    if (!plain_line(p + i, end - i)) break;
+    i = end;
+  }
+  return i;
+}
+
+}  // namespace
+
 void dot_encode(DotEncoder* e, const char* content, size_t n, std::string* out) {
   out->reserve(out->size() + 2 * n + 1);
   size_t i = 0;
   while (i < n) {
+    if (e->line_start && !e->pending_cr) {
+      size_t end = plain_lines(content, i, n);
+      if (end > i) {
+        out->append(content + i, end - i);
+        i = end;
+        continue;
+      }
+    }
     char c = content[i];
     if (e->pending_cr) {
       e->pending_cr = false;

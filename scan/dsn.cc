@@ -4,7 +4,6 @@
 // complete in mailer_temp_dir before the rename makes the mailer see it.
 #include "scan/dsn.h"
 
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -40,9 +39,9 @@ constexpr const char* HEADER_FORMAT =
     "        boundary=\"%s\"\r\n"
     "\r\n";
 
-// The message as it went to the backend, when it can be mapped and is
-// smaller than max_msg_size; otherwise the part is left out. A short write
-// leaves the stream's error flag set for the caller to find.
+// The message as it went to the backend, when it is not empty and smaller
+// than max_msg_size; otherwise the part is left out. A short write leaves the
+// stream's error flag set for the caller to find.
 void write_message_part(FILE* out, int fd, long long max_msg_size, const char* boundary,
                         const char* path) {
   struct stat st;
@@ -52,18 +51,21 @@ void write_message_part(FILE* out, int fd, long long max_msg_size, const char* b
     return;
   }
   if (static_cast<int64_t>(st.st_size) >= static_cast<int64_t>(max_msg_size)) return;
-  // An empty file cannot be mapped (EINVAL) and gets no part either.
-  size_t size = static_cast<size_t>(st.st_size);
-  void* map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-  if (map == MAP_FAILED) {
-    dlog(DLOG_SMTP, 1, "Error mmap()ing file: %m\n");
+  if (st.st_size == 0) {
+    dlog(DLOG_SMTP, 1, "send_dsn: empty scan file, no message part\n");
     return;
   }
   fprintf(out, "--%s\r\nContent-Type: message/rfc822\r\n\r\n", boundary);
-  if (fwrite(map, 1, size, out) < size) {
-    dlog(DLOG_SMTP, 1, "Error writing DNS file %s: %m\n", path);
+  char block[16384];
+  for (off_t at = 0; at < st.st_size;) {
+    ssize_t n = pread(fd, block, sizeof block, at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0 || fwrite(block, 1, static_cast<size_t>(n), out) < static_cast<size_t>(n)) {
+      dlog(DLOG_SMTP, 1, "Error writing DNS file %s: %m\n", path);
+      return;
+    }
+    at += n;
   }
-  munmap(map, size);
 }
 
 }  // namespace

@@ -57,18 +57,12 @@ bool copy_rest(FILE* in, FILE* out) {
   return ferror(in) == 0;
 }
 
-}  // namespace
-
-char* header_field_value(const char* field, const char* file_name) {
-  FilePtr file(fopen(file_name, "r"));
-  if (file == nullptr) {
-    dlog(DLOG_HEADER, 1, "Couldn't open %s: %m\n", file_name);
-    return nullptr;
-  }
+// The value of field in the header read from file.
+char* field_value(const char* field, FILE* file) {
   const size_t field_len = strlen(field);
   char buf[PIECE_SIZE];
   for (;;) {
-    size_t n = read_piece(file.get(), buf);
+    size_t n = read_piece(file, buf);
     // The end of the header: a piece of white space only. A NUL is not white
     // space, so a line holding one does not end the header.
     if (n == 0 || str_is_blank(buf, n)) return nullptr;
@@ -83,7 +77,7 @@ char* header_field_value(const char* field, const char* file_name) {
   dlog(DLOG_HEADER, 9, "buf2=%s\n", value);
 
   while (len < VALUE_LIMIT) {
-    size_t n = read_piece(file.get(), buf);
+    size_t n = read_piece(file, buf);
     if (n == 0 || (buf[0] != ' ' && buf[0] != '\t') || str_is_blank(buf, n)) break;
     value[len++] = buf[0];
     value[len] = '\0';
@@ -99,6 +93,22 @@ char* header_field_value(const char* field, const char* file_name) {
   xasprintf(&result, "%s", str_trim(value));
   dlog(DLOG_HEADER, 9, "found field %s: %s\n", field, result);
   return result;
+}
+
+}  // namespace
+
+char* header_field_value(const char* field, const char* file_name) {
+  FilePtr file(fopen(file_name, "r"));
+  if (file == nullptr) {
+    dlog(DLOG_HEADER, 1, "Couldn't open %s: %m\n", file_name);
+    return nullptr;
+  }
+  return field_value(field, file.get());
+}
+
+char* header_field_value_in(const char* field, const char* bytes, size_t n) {
+  FilePtr file(n > 0 ? fmemopen(const_cast<char*>(bytes), n, "r") : nullptr);
+  return file != nullptr ? field_value(field, file.get()) : nullptr;
 }
 
 char* rfc822_date(const time_t* time) {

@@ -3,12 +3,15 @@
 // in pieces of at most 999 bytes, so a longer line counts as several lines.
 #pragma once
 
+#include <cstddef>
 #include <ctime>
 
 // The value of the first header line starting with field (which includes its
 // colon, compared without regard to case), continuation lines joined; null
 // when the file cannot be opened or the header lacks it. Caller frees.
 char* header_field_value(const char* field, const char* file_name);
+// The same, from a message (or its header) of n bytes held in memory.
+char* header_field_value_in(const char* field, const char* bytes, size_t n);
 
 // *time as local time, "%a, %d %b %Y %H:%M:%S %z" in the C locale. Caller frees.
 char* rfc822_date(const time_t* time);

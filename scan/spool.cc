@@ -25,6 +25,7 @@ bool write_all(SpoolFile* f, const char* p, size_t n) {
     }
     p += w;
     n -= static_cast<size_t>(w);
+    f->size += w;
   }
   return true;
 }
@@ -48,12 +49,19 @@ SpoolFile* spool_adopt(int fd, const char* name) {
 
 bool spool_write(SpoolFile* f, const char* bytes, size_t n) {
   if (f->failed) return false;
-  f->size += static_cast<int64_t>(n);
   if (f->pending.size() + n < SPOOL_BUFFER) {
     f->pending.append(bytes, n);
     return true;
   }
   return flush(f) && write_all(f, bytes, n);
+}
+
+bool spool_sync(SpoolFile* f) {
+  if (f->failed) {
+    f->pending.clear();
+    return false;
+  }
+  return f->pending.size() < SPOOL_BUFFER || flush(f);
 }
 
 bool spool_finish(SpoolFile* f) {

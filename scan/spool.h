@@ -13,7 +13,7 @@ struct SpoolFile {
   int fd = -1;          // open for reading and writing
   std::string name;     // where it is on the disk
   std::string pending;  // written bytes still in the buffer
-  int64_t size = 0;     // bytes handed to spool_write
+  int64_t size = 0;     // bytes in the file (not counting the buffer)
   bool failed = false;  // a write failed: the file is incomplete for good
 };
 
@@ -22,6 +22,14 @@ SpoolFile* spool_adopt(int fd, const char* name);
 // Buffers n bytes, writing out full buffers. False once any write failed
 // (errno tells why the first time); later bytes are dropped.
 bool spool_write(SpoolFile* f, const char* bytes, size_t n);
+// The buffer itself, for a producer that appends to it in place instead of
+// handing over a copy; spool_sync after each append.
+inline std::string* spool_buffer(SpoolFile* f) {
+  return &f->pending;
+}
+// Writes the buffer out once it is full. False once any write failed; what
+// was appended then is dropped.
+bool spool_sync(SpoolFile* f);
 // Writes out the buffer and has the file system report any error a close
 // would: true when every byte is on the disk as far as the kernel can tell.
 bool spool_finish(SpoolFile* f);

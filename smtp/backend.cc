@@ -25,7 +25,7 @@
 
 namespace {
 
-constexpr int RECEIVER_READ_SIZE = 2000;
+constexpr int RECEIVER_READ_SIZE = LSTREAM_READ_MAX;
 constexpr int REPLY_LINE_MAX = 2000;
 constexpr size_t RELAY_CHUNK = 65536;
 constexpr int REPLY_LINES_PER_EVENT = 64;
@@ -99,12 +99,14 @@ void backend_write_done(int error, Connection* conn) {
 
 // The message file on its way to the backend: read in chunks, each turned
 // into its part of the canonical stream and written once the one before is
-// out, so only one chunk is held per connection.
+// out, so only one chunk is held per connection. A file already in that form
+// but for its last line goes out whole with sendfile.
 struct RelaySend {
   int file_fd;  // the message's scan file; borrowed
   int64_t offset = 0;
+  int64_t size = -1;  // the file's size when known: its last chunk carries the end of data
+  int64_t as_is = 0;  // bytes to send unchanged before encoding starts
   DotEncoder encoder;
-  std::vector<char> in = std::vector<char>(RELAY_CHUNK);
   std::string out;    // the write in flight; the queue points into it
   bool last = false;  // out ends the stream
   bool in_flight = false;
@@ -118,6 +120,9 @@ void RelaySendFree::operator()(RelaySend* r) const noexcept {
 namespace {
 
 void relay_pump(Connection* conn);
+
+// Read side of the encoder, shared: a chunk is encoded as soon as it is read.
+char relay_in[RELAY_CHUNK];
 
 void relay_write_done(int, int error, void* data) {
   auto* conn = static_cast<Connection*>(data);
@@ -140,8 +145,20 @@ void relay_pump(Connection* conn) {
       conn->relay.reset();
       return;
     }
+    if (r->as_is > 0) {
+      // The stored content ends in CR LF, so the encoder, fresh at a line
+      // start, adds just the end of data after it.
+      r->offset = r->as_is;
+      r->as_is = 0;
+      r->in_flight = r->in_call = true;
+      int w = comm_send_file(conn->receiver_fd, r->file_fd, 0, static_cast<int>(r->offset),
+                             relay_write_done, conn);
+      if (w != 0 || conn->closed || conn->relay.get() != r) return;
+      r->in_call = false;
+      continue;
+    }
     r->out.clear();
-    ssize_t n = pread(r->file_fd, r->in.data(), r->in.size(), r->offset);
+    ssize_t n = pread(r->file_fd, relay_in, sizeof relay_in, r->offset);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       dlog(DLOG_SMTP, 1, "%p, Couldn't read the message for the backend: %m\n", log_ptr(conn));
@@ -153,7 +170,11 @@ void relay_pump(Connection* conn) {
       r->last = true;
     } else {
       r->offset += n;
-      dot_encode(&r->encoder, r->in.data(), static_cast<size_t>(n), &r->out);
+      dot_encode(&r->encoder, relay_in, static_cast<size_t>(n), &r->out);
+      if (r->offset == r->size) {  // one write less, and one segment less for the backend
+        dot_encode_finish(&r->encoder, &r->out);
+        r->last = true;
+      }
     }
     r->in_flight = r->in_call = true;
     int w = comm_write(conn->receiver_fd, r->out.data(), static_cast<int>(r->out.size()),
@@ -236,6 +257,13 @@ void be_connected(int fd, int error, void* data) {
   comm_read(conn->receiver_fd, response_handler, conn);
 }
 
+void be_read_backend(Connection* conn) {
+  if (lstream_buffered(conn->receiver_stream.get()) > 0)
+    comm_read_now(conn->receiver_fd, response_handler, conn);
+  else
+    comm_read(conn->receiver_fd, response_handler, conn);
+}
+
 void response_handler(int fd, void* data) {
   auto* conn = static_cast<Connection*>(data);
   if (conn == nullptr || conn->closed) {
@@ -313,6 +341,10 @@ int be_send_file(Connection* conn) {
   auto* r = new (std::nothrow) RelaySend{};
   if (r == nullptr) fatal_exit("Out of memory: %m\n");
   r->file_fd = m->file->fd;
+  r->size = m->file->size;
+  // Small files cost the same either way and leave in one write when read.
+  if (!m->dot_lines && r->size > static_cast<int64_t>(RELAY_CHUNK) && r->size < INT32_MAX)
+    r->as_is = r->size;
   conn->relay.reset(r);
   relay_pump(conn);
   return 0;

@@ -32,6 +32,9 @@ void backend_start(Connection* conn);
 void be_connected(int fd, int error, void* data);
 // Read handler of receiver_fd: hands every whole reply line to be_handle_line.
 void response_handler(int fd, void* data);
+// Arms response_handler on the backend; it runs in the next cycle when
+// replies already sit in the stream, which no readiness event would announce.
+void be_read_backend(Connection* conn);
 // Ends the backend connection (connect, descriptor, stream, keep-alive, a
 // message on its way). Idempotent. The transaction and the sender side are
 // left alone.

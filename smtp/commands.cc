@@ -116,14 +116,11 @@ void command_handler(int fd, void* data) {
     }
     reset_idle_timer(conn);
 
-    // A line is too long when it was cut at the limit or by end of file. The
-    // stream may also hand over a complete line of up to twice the limit
-    // when its end arrives in the same read; it is refused the same way, so
-    // the answer does not depend on how the sender's bytes were split.
+    // A line is too long when it was cut at the limit or by end of file.
     bool complete = ends_with_lf(command_line);
     if (!complete || command_line->length > COMMAND_LINE_MAX) {
       dlog(DLOG_SMTP, 5, "Long line from sender. Clearing.\n");
-      if (!complete) comm_read(fd, clear_line_handler, conn);
+      if (!complete) smtp_read_sender(conn, clear_line_handler);
       if (!smtp_reply(conn, "500 Long line?\r\n")) return;
       conn->errors += 1;
       if (!complete) return;  // the rest is dropped by clear_line_handler
@@ -158,7 +155,7 @@ void clear_line_handler(int fd, void* data) {
     command_handler(fd, conn);
     return;
   }
-  comm_read(fd, clear_line_handler, conn);
+  smtp_read_sender(conn, clear_line_handler);  // the rest may be buffered already
 }
 
 int smtp_unknown(const DynString* line, Connection* conn) {

@@ -29,6 +29,7 @@ namespace {
 constexpr int DATA_PIECE_MAX = 5000;
 // Body bytes taken per readiness event before the loop serves others.
 constexpr int64_t DATA_BYTES_PER_EVENT = 65536;
+constexpr size_t HEADER_COPY_MAX = 65536;
 constexpr const char* SIZE_REFUSAL = "552 Message size exceeds fixed maximum message size\r\n";
 constexpr const char* BARE_REFUSAL = "550 Message contains bare CR or LF\r\n";
 constexpr const char* STORE_REFUSAL = "451 Internal Error\r\n";
@@ -51,10 +52,41 @@ void refuse_rest(Connection* conn, Message* m, const char* reply, const char* wh
   dlog(DLOG_SMTP, 3, why, log_ptr(conn), m->file->name.c_str());
 }
 
-void store_content(Connection* conn, Message* m) {
-  if (m->refusal == nullptr && !spool_write(m->file.get(), m->content.data(), m->content.size()))
+// The header is copied aside while it streams in, up to its empty line; a
+// header too long for the copy is read back from the file at the end.
+void copy_header(Message* m, const char* p, size_t n) {
+  if (m->header.size() + n > HEADER_COPY_MAX) {
+    m->header_done = m->header_long = true;
+    m->header = std::string();
+    return;
+  }
+  const bool line_start = m->header.empty() || m->header.back() == '\n';
+  m->header.append(p, n);
+  m->header_done = line_start && n == 2 && p[0] == '\r' && p[1] == '\n';
+}
+
+// The file goes to the backend as it is, plus ".\r\n", unless a stored line
+// starts with a dot: the decoder leaves only CR LF line ends, and the pieces
+// are single lines, so only a piece's first byte can start one, except after
+// bytes that the SIZE rule had held back were put in front of it.
+void note_dot_lines(Message* m, const std::string& b, size_t before, bool line_start,
+                    bool was_held) {
+  if (m->dot_lines || b.size() == before) return;
+  const char* p = b.data() + before;
+  m->dot_lines = (line_start && p[0] == '.') ||
+                 (was_held && memmem(p, b.size() - before, "\n.", 2) != nullptr);
+}
+
+// Decoded bytes are appended to the scan file's own buffer (from `before`
+// on); this takes them into the file, or drops them once the message is
+// refused.
+void store_content(Connection* conn, Message* m, size_t before) {
+  std::string* b = spool_buffer(m->file.get());
+  if (!m->header_done && b->size() > before) copy_header(m, b->data() + before, b->size() - before);
+  if (m->refusal != nullptr)
+    b->clear();
+  else if (!spool_sync(m->file.get()))
     refuse_rest(conn, m, STORE_REFUSAL, "%p, Error writing scanfile %s: %m\n");
-  m->content.clear();
 }
 
 // The limits that apply while the body streams in.
@@ -133,9 +165,10 @@ int smtp_data(const DynString*, Connection* conn) {
   char* received = nullptr;
   int n =
       xasprintf(&received, "Received: from [%s] by [%s] with ESMTP; %s\r\n", from, by, date.get());
-  m->content.assign(received, static_cast<size_t>(n - 1));
+  std::string* b = spool_buffer(m->file.get());
+  b->assign(received, static_cast<size_t>(n - 1));
   free(received);
-  store_content(conn, m);
+  store_content(conn, m, 0);
 
   if (!smtp_reply(conn, "354 Send it to me, end with <CRLF>.<CRLF>\r\n")) return 1;
   dlog(DLOG_SMTP, 4, "%p response to DATA: 354 Send it to me.\n", log_ptr(conn));
@@ -162,8 +195,10 @@ void data_handler(int fd, void* data) {
     piece->data[0] = '\0';
     errno = 0;
     if (lstream_readline(piece, conn->sender_stream.get(), '\n', DATA_PIECE_MAX) < 0) {
-      if (errno == EAGAIN && dot_decode_idle(&m->rx, &m->content) == DotResult::END) {
-        store_content(conn, m);
+      size_t before = spool_buffer(m->file.get())->size();
+      if (errno == EAGAIN &&
+          dot_decode_idle(&m->rx, spool_buffer(m->file.get())) == DotResult::END) {
+        store_content(conn, m, before);
         end_of_data(conn, m);
       } else if (is_transient_errno(errno)) {
         reset_idle_timer(conn);
@@ -180,10 +215,13 @@ void data_handler(int fd, void* data) {
       close_connection(conn);
       return;
     }
-    DotResult r =
-        dot_decode_piece(&m->rx, piece->data, static_cast<size_t>(piece->length), &m->content);
+    std::string* b = spool_buffer(m->file.get());
+    size_t before = b->size();
+    const bool line_start = m->rx.newline, was_held = m->rx.held;
+    DotResult r = dot_decode_piece(&m->rx, piece->data, static_cast<size_t>(piece->length), b);
+    note_dot_lines(m, *b, before, line_start, was_held);
     if (r == DotResult::MORE) check_body(conn, m);
-    store_content(conn, m);
+    store_content(conn, m, before);
     if (r == DotResult::END) {
       end_of_data(conn, m);
       return;
@@ -194,7 +232,10 @@ void data_handler(int fd, void* data) {
 void finish_data(Connection* conn) {
   Message* m = txn_message(conn);
   conn->txn->phase = TxnPhase::SCANNING;
-  m->msgid.reset(header_field_value("message-id:", m->file->name.c_str()));
+  m->msgid.reset(m->header_long
+                     ? header_field_value("message-id:", m->file->name.c_str())
+                     : header_field_value_in("message-id:", m->header.data(), m->header.size()));
+  m->header = std::string();
   const char* msgid = m->msgid.get();
   dlog(DLOG_SMTP, 5, "%p, Start scanning email (msgid=%s)\n", log_ptr(conn),
        msgid != nullptr ? msgid : "(null)");

@@ -115,7 +115,7 @@ bool smtp_reply_and_resume(Connection* conn, const char* text) {
 
 void smtp_read_sender(Connection* conn, IoHandler handler) {
   if (conn->closed || conn->sender_fd < 0) return;
-  if (conn->sender_stream != nullptr && conn->sender_stream->buffer->length > 0)
+  if (conn->sender_stream != nullptr && lstream_buffered(conn->sender_stream.get()) > 0)
     comm_read_now(conn->sender_fd, handler, conn);
   else
     comm_read(conn->sender_fd, handler, conn);

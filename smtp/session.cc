@@ -71,7 +71,7 @@ int smtp_quit(const DynString*, Connection* conn) {
     }
     dlog(DLOG_SMTP, 5, "sent backend QUIT command\n");
     conn->be_state = BE_QUIT;
-    comm_read(conn->receiver_fd, response_handler, conn);
+    be_read_backend(conn);
   }
   // The reply's completion closes the connection; when the write goes out at
   // once that happens before comm_write returns, so its result tells nothing.
@@ -112,7 +112,7 @@ int smtp_rset(const DynString* line, Connection* conn) {
     }
     dlog(DLOG_SMTP, 4, "%p, sent RSET to backend, waiting for response.\n", log_ptr(conn));
     conn->be_state = BE_RSET;
-    comm_read(conn->receiver_fd, response_handler, conn);
+    be_read_backend(conn);
     return 1;
   }
   txn_end(conn);

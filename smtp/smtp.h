@@ -80,7 +80,8 @@ extern const char* smtp_refusal_dump_file;
 // line and must not keep it past their return.
 extern DynString* command_line;
 constexpr int COMMAND_LINE_CAPACITY = 4000;
-constexpr int SENDER_READ_SIZE = 2000;
+// Large reads: a whole small message, or a good part of a large one, per call.
+constexpr int SENDER_READ_SIZE = LSTREAM_READ_MAX;
 constexpr int COMMAND_LINE_MAX = 2000;
 
 // --- Lifecycle (smtp/listener.cc) ---

@@ -27,7 +27,14 @@ enum class TxnPhase { ENVELOPE, RECEIVING, SCANNING, RELAYING };
 struct Message {
   SpoolPtr file;
   DotDecoder rx;
-  std::string content;            // decoded bytes on their way into the file
+  // A copy of the header as it streams in, for the Message-ID; given up
+  // (header_long) when the header outgrows it, and freed at the end of data.
+  std::string header;
+  bool header_done = false;
+  bool header_long = false;
+  // A stored line starts with "." (doubled on the wire), or the file was
+  // rewritten: the relay must encode the file instead of sending it as it is.
+  bool dot_lines = false;
   const char* refusal = nullptr;  // the reply the end of data gets instead of a scan
   CharsPtr msgid;                 // Message-ID of the message; null when it has none
   AsRequestPtr spam_request;

@@ -120,6 +120,7 @@ bool tag_subject(Connection* conn, Message* m, const char* tag) {
     refuse(conn, "451 Internal Error\r\n", "%p, vscan response: 451 Internal Error\n");
     return false;
   }
+  m->dot_lines = true;  // the copy was written by other hands
   if (!spool_reopen(m->file.get())) {
     dlog(DLOG_SMTP, 1, "virus_callback: cannot open scan file. %m\n");
     refuse(conn, "451 Couldn't open temporary file\r\n",

@@ -260,7 +260,7 @@ TEST_F(CommWriteTest, FilesArriveWholeFromTheirOffsetAndAnEmptyOneFails) {
   EXPECT_EQ(handled.back(), Outcome(9, 1));
   comm_finished(p.a.get(), on_done, event_test::tag(8));  // nothing queued: at once
   EXPECT_EQ(handled.back(), Outcome(8, 0));
-  // A cleared send gives its mapping back without notice (ASan sees a leak).
+  // A cleared send gives its descriptor back without notice.
   ASSERT_EQ(comm_write_file(p.a.get(), file.get(), on_done, event_test::tag(4)), 0);
   comm_clear_write(p.a.get(), 0);
   EXPECT_EQ(handled.size(), 5u);

@@ -54,7 +54,7 @@ TEST(SendDsn, RefusedNewestFirstAndMessageOnlyBelowTheLimit) {
       {"one refused", msg, {"a@x"}, 1, ""},
       {"two refused, message below the limit", msg, {"a@x", "b@x"}, 1, ""},
       {"message of exactly max_msg_size", msg, {"a@x"}, 0, ""},
-      {"empty scan file", "", {"a@x"}, 1, "Error mmap()ing file: "},
+      {"empty scan file", "", {"a@x"}, 1, "send_dsn: empty scan file, no message part\n"},
       {"NULs and a 1 MB line", mega, {"a@x"}, 1, ""},
   };
   time_t now = comm_current_time();
