@@ -372,8 +372,15 @@ void comm_dump(FILE* stream) {
     if (f.handler != nullptr)
       fprintf(stream, "fd %d: h %p d %p\n", fd, reinterpret_cast<void*>(f.handler), f.data);
   }
+  // Every registered descriptor with its interest, as a poll set would list
+  // them: first those the last cycle found ready, in their dispatch order.
+  std::vector<bool> listed(static_cast<size_t>(comm.nfiles), false);
   fprintf(stream, "Current Polls: \n");
-  for (int i = 0; i < comm.npolls; i++)
-    fprintf(stream, "fd %d events %x revents %x\n", comm.polls[i].fd, comm.polls[i].events,
-            comm.polls[i].revents);
+  for (int i = 0; i < comm.npolls; i++) {
+    const pollfd& p = comm.polls[i];
+    listed[p.fd] = true;
+    fprintf(stream, "fd %d events %x revents %x\n", p.fd, p.events, p.revents);
+  }
+  for (int fd = comm.used_head, n = 0; valid(fd) && n < comm.nfiles; fd = comm.fds[fd].next, n++)
+    if (!listed[fd]) fprintf(stream, "fd %d events %x revents 0\n", fd, comm.fds[fd].poll.events);
 }
