@@ -325,6 +325,7 @@ void close_backend(Connection* conn) {
     // down this backend side again.
     comm_clear_read(conn->receiver_fd);
     comm_clear_write(conn->receiver_fd, 0);
+    comm_closing(conn->receiver_fd);
     close(conn->receiver_fd);
     conn->receiver_fd = -1;
   }
