@@ -49,7 +49,9 @@ void sync_interest() {
     int rc = 0;
     if (want == 0) {
       // Fails harmlessly when the owner closed fd: the kernel dropped it then.
-      if (r.kernel != 0 || r.stale) epoll_ctl(comm.epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
+      // A descriptor its owner said it closes is not asked about at all.
+      if ((r.kernel != 0 || r.stale) && !r.closing)
+        epoll_ctl(comm.epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
     } else {
       rc = epoll_ctl(comm.epoll_fd, r.kernel != 0 ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &e);
       // A stale record may name a new descriptor (ENOENT) or still the old one
@@ -60,6 +62,7 @@ void sync_interest() {
     }
     r.kernel = rc < 0 ? 0 : want;
     r.stale = false;
+    r.closing = false;
   }
   comm.dirty.clear();
 }
@@ -237,6 +240,15 @@ void comm_clear_fd(int fd, int flags) {
   if (comm.fds[fd].free) return;
   comm.fds[fd].stale = true;
   clear_interest(fd, flags);
+}
+
+void comm_closing(int fd) {
+  if (!valid(fd)) return;
+  // A number taken again before the next wait is registered anew: as a
+  // stale record its MOD falls back to ADD, and the flag goes with the sync.
+  comm.fds[fd].closing = true;
+  comm.fds[fd].stale = true;
+  touch(fd);
 }
 
 int comm_set_current_polls() {

@@ -37,6 +37,9 @@ void comm_read(int fd, IoHandler handler, void* data);
 void comm_read_now(int fd, IoHandler handler, void* data);
 void comm_clear_read(int fd);
 void comm_clear_fd(int fd, int flags);
+// The owner, having cleared fd's handlers, closes it right after this call.
+// Closing takes a descriptor out of the epoll set, so the set is not told.
+void comm_closing(int fd);
 int comm_set_current_polls();
 int comm_pendings(int fd);
 time_t comm_update_time();

@@ -85,7 +85,8 @@ void connect_handler(int fd, void* data) {
 
 void comm_accept_handler(int listen_fd, void* data) {
   auto* record = static_cast<CommAccept*>(data);
-  int fd = accept(listen_fd, nullptr, nullptr);
+  // Non-blocking from the start: no fcntl calls per connection.
+  int fd = accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK);
   dlog(DLOG_COMM, 7, "comm_accept_handler: listen_fd %d fd %d\n", listen_fd, fd);
   if (fd < 0 && is_transient_errno(errno)) {
     comm_add_fd(listen_fd, COMM_READ, comm_accept_handler, record);
@@ -97,10 +98,6 @@ void comm_accept_handler(int listen_fd, void* data) {
   if (fd >= comm.nfiles) {
     dlog(DLOG_COMM, 0, "comm_accept_handler: fd limit reached\n");
     close(fd);
-    fd = -1;
-  } else if (fd >= 0 && set_nonblock(fd) != 0) {
-    close(fd);
-    dlog(DLOG_COMM, 1, "Couldn't non-block an accept socket:%m\n");
     fd = -1;
   } else if (fd >= 0) {
     error = 0;

@@ -34,7 +34,8 @@ struct DescriptorRecord {
   short kernel = 0;
   bool dirty = false;
   bool stale = false;
-  uint64_t added = 0;  // when it entered the used list: dispatch goes newest first
+  bool closing = false;  // the owner closes fd before the next wait (comm_closing)
+  uint64_t added = 0;    // when it entered the used list: dispatch goes newest first
 };
 
 struct QueuedWrite {

@@ -31,6 +31,7 @@ int set_nonblock(int fd) {
     dlog(DLOG_UTIL, 1, "Can't get fd flags: %d %m", fd);
     return 1;
   }
+  if (flags & O_NONBLOCK) return 0;  // made so (SOCK_NONBLOCK): no second call
   if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
     dlog(DLOG_UTIL, 1, "Can't set fd nonblock: %d %m\n", fd);
     return 1;

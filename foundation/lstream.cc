@@ -71,6 +71,7 @@ LineStream* lstream_open(int fd, LstreamReadFn read, int chunk_size) {
   s->buffer = nullptr;
   s->offset = 0;
   s->chunk_size = std::min(chunk_size, LSTREAM_READ_MAX);
+  s->peeked = 0;
   return s;
 }
 
@@ -129,6 +130,35 @@ int lstream_read(DynString* out, LineStream* stream, int n) {
   out->length += static_cast<int>(r);
   dstr_terminate(out);
   return 0;
+}
+
+int lstream_peek(LineStream* stream, const char** p, char term) {
+  const int h = held(stream);
+  if (h > 0 && (h >= LSTREAM_READ_MAX || memchr(held_data(stream), term, h) != nullptr)) {
+    *p = held_data(stream);
+    return h;
+  }
+  // What is held is at most a partial line: it goes in front of the read,
+  // so the caller sees one run of bytes.
+  if (h > 0) memcpy(shared, held_data(stream), static_cast<size_t>(h));
+  const size_t room = static_cast<size_t>(std::min(stream->chunk_size, LSTREAM_READ_MAX - h));
+  ssize_t r = stream->read(stream->fd, shared + h, room);
+  if (r < 0) return -1;
+  stream->peeked = h + static_cast<int>(r);
+  *p = shared;
+  return stream->peeked;
+}
+
+int lstream_consume(LineStream* stream, int n) {
+  if (stream->peeked == 0) {
+    if (n > 0) consume(stream, n);
+    return 0;
+  }
+  const int total = stream->peeked;
+  stream->peeked = 0;
+  if (stream->buffer != nullptr) release(stream);
+  // Only the rest of the read is copied, usually a partial line.
+  return keep(stream, shared + n, total - n);
 }
 
 int lstream_buffered(const LineStream* stream) {

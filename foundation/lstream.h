@@ -24,6 +24,7 @@ struct LineStream {
   DynString* buffer;
   int offset;
   int chunk_size;  // the most bytes asked of one read (capped at LSTREAM_READ_MAX)
+  int peeked;      // after lstream_peek read: the stream's bytes are shared's first peeked
 };
 
 LineStream* lstream_open(int fd, LstreamReadFn read, int chunk_size);
@@ -35,6 +36,16 @@ LineStream* lstream_open(int fd, LstreamReadFn read, int chunk_size);
 int lstream_readline(DynString* line, LineStream* stream, char terminator, int limit);
 // Appends up to n bytes to out: buffered ones first, then at most one read.
 int lstream_read(DynString* out, LineStream* stream, int n);
+// Points *p at the bytes not yet taken, without copying them; when they hold
+// no terminator, one read first adds what the descriptor has. Returns their
+// number (0 at EOF with nothing held), or -1 as lstream_readline (errno
+// transient: nothing more yet; the held bytes stay). The view lives until
+// the next call on any stream, and lstream_consume must come next, even
+// when nothing was used: the bytes read may be in the shared buffer.
+int lstream_peek(LineStream* stream, const char** p, char terminator);
+// Takes the first n bytes of the last peek. -1: the rest could not be kept
+// (no memory) and is lost, so the stream is no use any more.
+int lstream_consume(LineStream* stream, int n);
 // Bytes read from the descriptor and not yet taken.
 int lstream_buffered(const LineStream* stream);
 // Appends still-buffered bytes to rest (if non-null), frees the stream and

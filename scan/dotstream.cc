@@ -6,6 +6,7 @@
 // the end after a real CR LF.
 #include "scan/dotstream.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "foundation/dlog.h"
@@ -34,6 +35,19 @@ size_t append_run(const char* p, size_t i, size_t n, std::string* out) {
 bool plain_line(const char* p, size_t n) {
   return n >= 2 && p[n - 1] == '\n' && p[n - 2] == '\r' && memchr(p, '\r', n - 2) == nullptr &&
          memchr(p, '\n', n - 2) == nullptr;
+}
+
+// From a line start at i: the end of the run of plain lines that do not
+// start with ".", which go out unchanged.
+size_t plain_lines(const char* p, size_t i, size_t n) {
+  while (i < n && p[i] != '.') {
+    const void* lf = memchr(p + i, '\n', n - i);
+    if (lf == nullptr) break;
+    size_t end = static_cast<size_t>(static_cast<const char*>(lf) - p) + 1;
+    if (!plain_line(p + i, end - i)) break;
+    i = end;
+  }
+  return i;
 }
 
 // Content bytes with the line-end rule applied; newline and after_crlf
@@ -117,6 +131,21 @@ DotResult dot_decode_piece(DotDecoder* d, const char* piece, size_t n, std::stri
   return DotResult::MORE;
 }
 
+size_t dot_decode_bulk(DotDecoder* d, const char* p, size_t n, std::string* out) {
+  if (!d->newline || !d->after_crlf || d->pending_cr || d->held) return 0;
+  if (d->declared_size > 0) {
+    // The SIZE rule looks only at a piece that ends at SIZE + 3 bytes; lines
+    // that end by SIZE never reach it, and whatever follows goes piece by
+    // piece.
+    if (d->bytes >= d->declared_size) return 0;
+    n = std::min(n, static_cast<size_t>(d->declared_size - d->bytes));
+  }
+  const size_t end = plain_lines(p, 0, n);
+  out->append(p, end);
+  d->bytes += static_cast<int64_t>(end);
+  return end;
+}
+
 DotResult dot_decode_idle(DotDecoder* d, std::string* out) {
   if (!d->held) return DotResult::MORE;
   dlog(DLOG_SMTP, 5, "%p, MS end of data encountered, stop reading data\n", d->log_id);
@@ -124,23 +153,6 @@ DotResult dot_decode_idle(DotDecoder* d, std::string* out) {
   take(d, "\r\n", 2, out);
   return DotResult::END;
 }
-
-namespace {
-
-// From a line start at i: the end of the run of plain lines that do not
-// start with ".", which go out unchanged.
-size_t plain_lines(const char* p, size_t i, size_t n) {
-  while (i < n && p[i] != '.') {
-    const void* lf = memchr(p + i, '\n', n - i);
-    if (lf == nullptr) break;
-    size_t end = static_cast<size_t>(static_cast<const char*>(lf) - p) + 1;
-    if (!plain_line(p + i, end - i)) break;
-    i = end;
-  }
-  return i;
-}
-
-}  // namespace
 
 void dot_encode(DotEncoder* e, const char* content, size_t n, std::string* out) {
   out->reserve(out->size() + 2 * n + 1);

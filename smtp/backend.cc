@@ -189,14 +189,9 @@ void relay_pump(Connection* conn) {
 
 void backend_start(Connection* conn) {
   dlog(DLOG_SMTP, 5, "backend_start on connection %p\n", log_ptr(conn));
-  int fd = conn->receiver_fd = socket(AF_INET, SOCK_STREAM, 0);
+  int fd = conn->receiver_fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
   if (fd == -1) {
     dlog(DLOG_SMTP, 1, "Can't create receiver socket: %m\n");
-    start_failed(conn);
-    return;
-  }
-  if (set_nonblock(fd) != 0) {
-    dlog(DLOG_SMTP, 1, "Can't create nonblock receiver socket: %m\n");
     start_failed(conn);
     return;
   }
@@ -281,6 +276,13 @@ void response_handler(int fd, void* data) {
       comm_read_now(fd, response_handler, conn);
       return;
     }
+    // Nothing left of the last read: the backend's next reply answers what
+    // is written next, or is already on its way and makes the loop call
+    // again; a read now would as a rule say EAGAIN.
+    if (handled > 0 && lstream_buffered(conn->receiver_stream.get()) == 0) {
+      comm_read(fd, response_handler, conn);
+      return;
+    }
     command_line->length = 0;
     command_line->data[0] = '\0';
     errno = 0;
@@ -323,6 +325,7 @@ void close_backend(Connection* conn) {
     // down this backend side again.
     comm_clear_read(conn->receiver_fd);
     comm_clear_write(conn->receiver_fd, 0);
+    comm_closing(conn->receiver_fd);
     close(conn->receiver_fd);
     conn->receiver_fd = -1;
   }

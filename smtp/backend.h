@@ -57,7 +57,8 @@ int be_send_file(Connection* conn);
 // Completion handler of every command written to the backend.
 void generic_be_write_callback(int fd, int error, void* data);
 // "MAIL FROM:<from>\r\n" for the transaction, with BODY=8BITMIME when the
-// sender asked for it and the backend announced it. Caller frees.
+// sender asked for it and the backend announced it; for a backend that
+// announced PIPELINING, followed by every RCPT TO and DATA. Caller frees.
 char* be_mail_command(const Connection* conn);
 // Timer handler of noop_timer; data is the Connection.
 void be_send_noop(void* data);

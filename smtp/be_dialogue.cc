@@ -1,8 +1,10 @@
-// The client dialogue that replays a cleared transaction to the backend, one
-// command at a time: EHLO (HELO when refused), the sender's AUTH LOGIN when
-// passed through, MAIL FROM, the RCPT TOs, DATA and the message file. Every
-// reply line the backend sends arrives in be_handle_line through
-// response_handler; be_state says what it answers.
+// The client dialogue that replays a cleared transaction to the backend: EHLO
+// (HELO when refused), the sender's AUTH LOGIN when passed through, MAIL FROM,
+// the RCPT TOs, DATA and the message file. A backend that announces
+// PIPELINING gets MAIL FROM, the RCPT TOs and DATA in one write; any other
+// one command at a time. Either way the replies are taken one by one, in
+// the commands' order. Every reply line the backend sends arrives in
+// be_handle_line through response_handler; be_state says what it answers.
 #include <strings.h>
 
 #include <cstdio>
@@ -58,6 +60,7 @@ void go_idle(Connection* conn) {
 int send_mail_from(Connection* conn, const DynString* line, const char* null_format) {
   if (conn->txn == nullptr) return problem(conn, line, null_format);
   if (!send_command(conn, be_mail_command(conn), true)) return 1;
+  if (conn->closed) return 1;
   dlog(DLOG_SMTP, 4, "%p, sent 'MAIL FROM:<%s>' to backend\n", log_ptr(conn),
        conn->txn->from->data);
   conn->be_state = BE_MAIL;
@@ -84,9 +87,14 @@ int send_rcpt(Connection* conn) {
   return 0;
 }
 
-// The recipient under rcpt_cursor has been answered: the next one, or DATA.
+// The recipient under rcpt_cursor has been answered: the next one, or DATA
+// (already written when pipelining).
 int advance_rcpt(Connection* conn, const DynString* line) {
   conn->txn->rcpt_cursor -= 1;
+  if (conn->be_pipelining) {
+    if (conn->txn->rcpt_cursor < 0) conn->be_state = BE_DATA;
+    return 0;
+  }
   if (conn->txn->rcpt_cursor < 0) {
     if (!send_command(conn, "DATA\r\n", false)) return 1;
     dlog(DLOG_SMTP, 4, "%p, sent 'DATA' to backend\n", log_ptr(conn));
@@ -138,7 +146,7 @@ bool is_3xx(int c) {
 }
 
 int send_ehlo(Connection* conn, const DynString* line) {
-  conn->be_8bitmime = conn->be_xclient = false;
+  conn->be_8bitmime = conn->be_xclient = conn->be_pipelining = false;
   if (conn->helo_domain == nullptr)
     return problem(conn, line, "%p, unexpected error in BE_INIT state - null helo domain.\n");
   char* text;
@@ -209,6 +217,7 @@ int on_ehlo(Connection* conn, const DynString* line, int c, bool more) {
   if (!is_2xx(c)) return problem(conn, line, "%p, Backend problem in EHLO state: %s");
   if (announces(line, "8BITMIME")) conn->be_8bitmime = true;
   if (announces(line, "XCLIENT")) conn->be_xclient = true;
+  if (announces(line, "PIPELINING")) conn->be_pipelining = true;
   if (more) return 0;
   if (config.xclient && conn->be_xclient && !conn->xclient_sent) return send_xclient(conn);
   return after_ehlo(conn, line);
@@ -265,7 +274,7 @@ int on_mail(Connection* conn, const DynString* line, int c, bool more) {
   if (conn->txn == nullptr || conn->txn->rcpts.empty())
     return problem(conn, line, "%p, unexpected error in BE_MAIL state - null rcpt list.\n");
   conn->txn->rcpt_cursor = static_cast<int>(conn->txn->rcpts.size()) - 1;
-  return send_rcpt(conn);
+  return conn->be_pipelining ? 0 : send_rcpt(conn);
 }
 
 int on_rcpt(Connection* conn, const DynString* line, int c, bool more) {
@@ -353,10 +362,17 @@ int line_incomplete(const DynString* line) {
 
 char* be_mail_command(const Connection* conn) {
   const Transaction* txn = conn->txn.get();
-  char* text = nullptr;
-  xasprintf(&text, "MAIL FROM:<%s>%s\r\n", txn->from->data,
-            txn->body_8bitmime && conn->be_8bitmime ? " BODY=8BITMIME" : "");
-  return text;
+  std::string text = std::string("MAIL FROM:<") + txn->from->data + ">" +
+                     (txn->body_8bitmime && conn->be_8bitmime ? " BODY=8BITMIME" : "") + "\r\n";
+  if (conn->be_pipelining) {
+    // Newest recipient first, as rcpt_cursor walks them.
+    for (auto it = txn->rcpts.rbegin(); it != txn->rcpts.rend(); ++it)
+      text.append("RCPT TO:<").append((*it)->data).append(">\r\n");
+    text.append("DATA\r\n");
+  }
+  char* copy = strdup(text.c_str());
+  if (copy == nullptr) fatal_exit("Out of memory: %m\n");
+  return copy;
 }
 
 void be_problem(Connection* conn, const DynString* reply) {
@@ -381,7 +397,19 @@ void be_problem(Connection* conn, const DynString* reply) {
   }
   // Courtesy only: a QUIT that cannot go out at once is dropped with the
   // socket below, and no answer to it is awaited.
-  if (reply->length > 0 && !conn->closed &&
+  //
+  // Not while a pipelined DATA is unanswered (MAIL refused, or every RCPT):
+  // the backend should refuse that DATA (503 or 554), but RFC 2920 warns
+  // that it may say 354 all the same, and then a QUIT would be message text.
+  // RFC 2920 has the client end such a DATA with a lone ".", which leaves it
+  // to the backend to refuse an empty message without recipients. Closing
+  // unannounced is safe whatever the backend did: a connection that ends
+  // inside DATA cancels the transaction as an RSET would (RFC 5321 3.8), so
+  // nothing can be delivered. The sender has its refusal either way, as
+  // without pipelining, and the backend connection goes as it did then.
+  const bool data_ahead =
+      conn->be_pipelining && (conn->be_state == BE_MAIL || conn->be_state == BE_RCPT);
+  if (reply->length > 0 && !conn->closed && !data_ahead &&
       comm_write(conn->receiver_fd, "QUIT\r\n", 6, nullptr, nullptr, nullptr) != 0) {
     close_connection(conn);
     return;

@@ -91,6 +91,13 @@ void command_handler(int fd, void* data) {
       comm_read_now(fd, command_handler, conn);
       return;
     }
+    // Nothing left of the last read: the sender's next command comes, as a
+    // rule, only after it has read the reply just written, so the loop is
+    // left to tell when it does instead of a read that would say EAGAIN.
+    if (handled > 0 && lstream_buffered(conn->sender_stream.get()) == 0) {
+      comm_read(fd, command_handler, conn);
+      return;
+    }
     if (read_line(conn) == -1) {
       if (is_transient_errno(errno)) {
         comm_read(fd, command_handler, conn);

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -178,6 +179,57 @@ int smtp_data(const DynString*, Connection* conn) {
   return 1;
 }
 
+namespace {
+
+// The sender has nothing more for now, or reading failed: the SIZE rule may
+// end the data here; otherwise wait, or drop the connection.
+void read_stopped(int fd, Connection* conn, Message* m, int err) {
+  size_t before = spool_buffer(m->file.get())->size();
+  if (err == EAGAIN && dot_decode_idle(&m->rx, spool_buffer(m->file.get())) == DotResult::END) {
+    store_content(conn, m, before);
+    end_of_data(conn, m);
+  } else if (is_transient_errno(err)) {
+    reset_idle_timer(conn);
+    comm_read(fd, data_handler, conn);
+  } else {
+    errno = err;
+    dlog(DLOG_SMTP, 3, "%p, Error receiving client data: %m. Closing connection\n", log_ptr(conn));
+    close_connection(conn);
+  }
+}
+
+// Past the header, the body's plain lines go from the stream's bytes to the
+// scan file in one copy; no line taken here starts with a dot. Returns the
+// bytes taken (0: the next one goes piece by piece), or -1 when the
+// connection is done with (the handler has run its course).
+int64_t take_bulk(int fd, Connection* conn, Message* m, int64_t room) {
+  const DotDecoder& d = m->rx;
+  if (!m->header_done || !d.newline || !d.after_crlf || d.pending_cr || d.held) return 0;
+  LineStream* stream = conn->sender_stream.get();
+  const char* p = nullptr;
+  errno = 0;
+  int n = lstream_peek(stream, &p, '\n');
+  if (n < 0) {
+    read_stopped(fd, conn, m, errno);
+    return -1;
+  }
+  std::string* b = spool_buffer(m->file.get());
+  size_t before = b->size();
+  size_t used = dot_decode_bulk(&m->rx, p, std::min<size_t>(static_cast<size_t>(n), room), b);
+  if (lstream_consume(stream, static_cast<int>(used)) != 0) {
+    dlog(DLOG_SMTP, 1, "%p, Out of memory receiving client data. Closing connection\n",
+         log_ptr(conn));
+    close_connection(conn);
+    return -1;
+  }
+  if (used == 0) return 0;
+  check_body(conn, m);
+  store_content(conn, m, before);
+  return static_cast<int64_t>(used);
+}
+
+}  // namespace
+
 void data_handler(int fd, void* data) {
   auto* conn = static_cast<Connection*>(data);
   dlog(DLOG_SMTP, 9, "Inside data_handler\n");
@@ -185,29 +237,23 @@ void data_handler(int fd, void* data) {
   if (m == nullptr) return;
   reset_idle_timer(conn);
 
-  for (int64_t taken = 0;; taken += command_line->length) {
+  for (int64_t taken = 0;;) {
     if (taken >= DATA_BYTES_PER_EVENT) {
       comm_read_now(fd, data_handler, conn);
       return;
+    }
+    int64_t bulk = take_bulk(fd, conn, m, DATA_BYTES_PER_EVENT - taken);
+    if (bulk < 0) return;
+    if (bulk > 0) {
+      taken += bulk;
+      continue;
     }
     DynString* piece = command_line;
     piece->length = 0;
     piece->data[0] = '\0';
     errno = 0;
     if (lstream_readline(piece, conn->sender_stream.get(), '\n', DATA_PIECE_MAX) < 0) {
-      size_t before = spool_buffer(m->file.get())->size();
-      if (errno == EAGAIN &&
-          dot_decode_idle(&m->rx, spool_buffer(m->file.get())) == DotResult::END) {
-        store_content(conn, m, before);
-        end_of_data(conn, m);
-      } else if (is_transient_errno(errno)) {
-        reset_idle_timer(conn);
-        comm_read(fd, data_handler, conn);
-      } else {
-        dlog(DLOG_SMTP, 3, "%p, Error receiving client data: %m. Closing connection\n",
-             log_ptr(conn));
-        close_connection(conn);
-      }
+      read_stopped(fd, conn, m, errno);
       return;
     }
     if (piece->length == 0) {
@@ -215,6 +261,7 @@ void data_handler(int fd, void* data) {
       close_connection(conn);
       return;
     }
+    taken += piece->length;
     std::string* b = spool_buffer(m->file.get());
     size_t before = b->size();
     const bool line_start = m->rx.newline, was_held = m->rx.held;

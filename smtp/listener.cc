@@ -243,6 +243,7 @@ void close_connection(Connection* conn) {
     // close this connection again.
     comm_clear_write(conn->sender_fd, 0);
     comm_clear_read(conn->sender_fd);
+    comm_closing(conn->sender_fd);
     close(conn->sender_fd);
     conn->sender_fd = -1;
   }

@@ -52,13 +52,13 @@ struct Connection {
   TimerPtr noop_timer;
   int be_state = 0;
   bool can_relay = false;
-  bool be_pipelining = false;
-  bool be_8bitmime = false;   // the backend announced 8BITMIME
-  bool be_xclient = false;    // the backend announced XCLIENT
-  bool xclient_sent = false;  // on this backend connection
-  int noops_pending = 0;      // keep-alive NOOPs whose reply has not come yet
-  bool closed = false;        // set once, on entry to close_connection
-  CharsPtr auth_user;         // base64 lines as received, with their line end
+  bool be_pipelining = false;  // the backend announced PIPELINING
+  bool be_8bitmime = false;    // the backend announced 8BITMIME
+  bool be_xclient = false;     // the backend announced XCLIENT
+  bool xclient_sent = false;   // on this backend connection
+  int noops_pending = 0;       // keep-alive NOOPs whose reply has not come yet
+  bool closed = false;         // set once, on entry to close_connection
+  CharsPtr auth_user;          // base64 lines as received, with their line end
   CharsPtr auth_pass;
   bool transaction_pending = false;  // a backend connection is being opened for a message
   std::unique_ptr<Transaction> txn;  // from MAIL FROM to the end of the envelope

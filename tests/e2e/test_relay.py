@@ -89,7 +89,11 @@ class RelayDialogueTest(RelayTestCase):
              (b"b",), [EHLO, MAIL, rcpt(b"b"), DATA], OK),
             ("middle recipient refused, newest first", {"replies": {"RCPT": refuse_c}},
              (b"b", b"c", b"d"), [EHLO, MAIL, rcpt(b"d"), rcpt(b"c"), rcpt(b"b"), DATA], OK),
+            # Pipelined, DATA went with them; its 354 is left without an end, never a ".".
             ("every recipient refused", {"replies": {"RCPT": b"550 5.1.1 no\r\n"}},
+             (b"b", b"c"), [EHLO, MAIL, rcpt(b"c"), rcpt(b"b"), DATA], b"550 5.1.1 no\r\n"),
+            ("every recipient refused, no PIPELINING", {"replies": {
+                "RCPT": b"550 5.1.1 no\r\n", "EHLO": b"250-fake\r\n250 8BITMIME\r\n"}},
              (b"b", b"c"), [EHLO, MAIL, rcpt(b"c"), rcpt(b"b"), QUIT], b"550 5.1.1 no\r\n"),
             ("250 to DATA is forwarded", {"replies": {"DATA": b"250 odd\r\n"}},
              (b"b",), [EHLO, MAIL, rcpt(b"b"), DATA, QUIT], b"250 odd\r\n"),

@@ -3,9 +3,9 @@
 // server ends; the relayed stream must carry exactly that content; and a
 // well-formed stream made of the same bytes must come back byte for byte.
 // Input: SIZE (2 bytes, 0 for none), idle bits (4; bit k: the socket runs dry
-// after piece k), a seed for the encoder's chunk sizes (1), the reader's limit
-// (1: below 128 the real 5,000 bytes, else 1 to 128, which reaches what happens
-// at cuts, like a piece of CRs only, with far shorter inputs), the stream.
+// after a piece that ends at an offset k modulo 32), a seed for the encoder's chunk sizes (1), the
+// reader's limit (1: below 128 the real 5,000 bytes, else 1 to 128, which reaches what happens at
+// cuts, like a piece of CRs only, with far shorter inputs), the stream.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -33,19 +33,27 @@ struct Decoded {
   std::string content;
   bool end = false;
   size_t used = 0;  // raw bytes handed over, the end-of-data line included
+  bool bare = false, held = false;
 };
 
-Decoded decode(std::string_view raw, size_t cut, int64_t size, uint32_t idle_bits) {
+// bulk: first offer dot_decode_bulk that many bytes at every step (0: never).
+Decoded decode(std::string_view raw, size_t cut, int64_t size, uint32_t idle_bits,
+               size_t bulk = 0) {
   DotDecoder d{.declared_size = size};
   Decoded r;
-  for (size_t k = 0; r.used < raw.size() && !r.end; k++) {
+  while (r.used < raw.size() && !r.end) {
+    if (bulk > 0) {
+      size_t n = std::min(bulk, raw.size() - r.used);
+      r.used += dot_decode_bulk(&d, raw.data() + r.used, n, &r.content);
+      if (r.used == raw.size()) break;
+    }
     size_t lf = raw.find('\n', r.used);
     size_t n = std::min((lf == raw.npos ? raw.size() : lf + 1) - r.used, cut);
     r.end = dot_decode_piece(&d, raw.data() + r.used, n, &r.content) == DotResult::END;
     r.used += n;
     std::string_view seen = raw.substr(0, r.used);
     if (r.end) check(seen == ".\r\n" || seen.ends_with("\r\n.\r\n"));  // as a strict server
-    if (!r.end && ((idle_bits >> (k % 32)) & 1) &&
+    if (!r.end && ((idle_bits >> (r.used % 32)) & 1) &&
         dot_decode_idle(&d, &r.content) == DotResult::END) {
       // The SIZE rule: the sender stopped right after ".\r\n" at SIZE + 3.
       check(seen.ends_with(".\r\n") && static_cast<int64_t>(seen.size()) == size + 3);
@@ -53,6 +61,8 @@ Decoded decode(std::string_view raw, size_t cut, int64_t size, uint32_t idle_bit
     }
   }
   check(canonical(r.content) && (!r.end || r.content.empty() || r.content.ends_with("\r\n")));
+  r.bare = d.bare_seen;
+  r.held = d.held;
   return r;
 }
 
@@ -112,12 +122,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string_view raw(reinterpret_cast<const char*>(data + 8), size - 8);
 
   Decoded d = decode(raw, cut, declared, idle_bits);
+  // The bulk path taken first changes nothing, whatever the reads' sizes.
+  for (size_t bulk : {size_t{1} + data[6] * 3u, raw.size() + 1}) {
+    Decoded b = decode(raw, cut, declared, idle_bits, bulk);
+    check(b.content == d.content && b.used == d.used && b.end == d.end && b.bare == d.bare &&
+          b.held == d.held);
+  }
   std::string relayed = encode(d.content, seed);
   bool line_open = !d.content.empty() && !d.content.ends_with("\r\n");  // input ran out
   check(unstuff(relayed) == d.content + (line_open ? "\r\n" : ""));
 
   std::string stream = well_formed(raw);
   Decoded w = decode(stream, std::max<size_t>(cut, 3), declared, 0);  // ".\r\n" kept whole
+  check(w.content == decode(stream, std::max<size_t>(cut, 3), declared, 0, cut).content);
   check(w.end && w.used == stream.size() && encode(w.content, seed) == stream);
   return 0;
 }
