@@ -304,11 +304,19 @@ void comm_run(int timeout) {
     if (!d.free) comm.polls[static_cast<size_t>(n++)] = pollfd{e.data.fd, d.poll.events, revents};
   }
   // Descriptors marked by comm_read_now count as readable in this cycle's
-  // read pass, in their usual place in the dispatch order.
-  for (int fd : comm.ready) {
+  // read pass, in their usual place in the dispatch order. A mark stays set
+  // until its handler is dispatched (the one-shot clear drops it): no kernel
+  // event will come for bytes already taken from the socket, so a mark that a
+  // cut-short cycle did not reach must be carried to the next one.
+  std::vector<int>& marked = comm.marked;
+  marked.swap(comm.ready);
+  for (int fd : marked) {
     DescriptorRecord& d = comm.fds[fd];
-    if (!d.ready || !(d.poll.events & POLLIN)) continue;
-    d.ready = false;
+    if (!d.ready) continue;
+    if (!(d.poll.events & POLLIN)) {
+      d.ready = false;
+      continue;
+    }
     auto hit = std::find_if(comm.polls.begin(), comm.polls.begin() + n,
                             [fd](const pollfd& p) { return p.fd == fd; });
     if (hit != comm.polls.begin() + n)
@@ -316,15 +324,17 @@ void comm_run(int timeout) {
     else
       comm.polls[static_cast<size_t>(n++)] = pollfd{fd, d.poll.events, POLLIN};
   }
-  comm.ready.clear();
   // The order poll() gave: the most recently registered descriptor first.
   std::sort(comm.polls.begin(), comm.polls.begin() + n, [](const pollfd& a, const pollfd& b) {
     return comm.fds[a.fd].added > comm.fds[b.fd].added;
   });
   comm.npolls = n;
-  if (n == 0) return;
-  if (!dispatch(n, POLLIN, true)) return;
-  dispatch(n, POLLOUT, false);
+  if (n > 0 && dispatch(n, POLLIN, true)) dispatch(n, POLLOUT, false);
+  for (int fd : marked)
+    if (comm.fds[fd].ready &&
+        std::find(comm.ready.begin(), comm.ready.end(), fd) == comm.ready.end())
+      comm.ready.push_back(fd);
+  marked.clear();
 }
 
 int comm_pendings(int fd) {

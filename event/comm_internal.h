@@ -89,7 +89,8 @@ struct CommState {
   std::vector<int> dirty;  // descriptors whose interest changed since the last wait
   uint64_t added = 0;
   int used = 0;
-  std::vector<int> ready;  // descriptors marked by comm_read_now, in order
+  std::vector<int> ready;   // descriptors marked by comm_read_now, in order
+  std::vector<int> marked;  // the marks this cycle took (comm_run only)
   int used_head = -1;
   int free_head = -1;
   bool restart = false;

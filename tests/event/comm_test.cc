@@ -115,6 +115,19 @@ TEST(Comm, ReadNowRunsInTheNextCycleWithoutInputAndNotOnceCleared) {
   comm_read(p.b.get(), record, nullptr);  // something to poll, nothing ready
   comm_run(0);
   EXPECT_EQ(calls.size(), 1u);
+  // A mark that a cycle cut short did not reach is kept: its bytes were taken
+  // from the socket already, so no kernel event would bring it back.
+  event_test::SocketPair q;
+  ASSERT_EQ(write(q.b.get(), "x", 1), 1);
+  comm_read_now(p.a.get(), record, nullptr);
+  victim_fd = p.b.get();
+  comm_add_fd(victim_fd, COMM_WRITE, record, nullptr);
+  comm_read(q.a.get(), remove_victim_write, nullptr);  // the newest runs first and restarts
+  comm_run(0);
+  comm_run(0);
+  const std::string A = std::to_string(p.a.get());
+  EXPECT_EQ(calls, (std::vector<std::string>{A, std::to_string(q.a.get()), A}));
+  comm_clear_read(p.b.get());
 }
 
 TEST(Comm, ConnectOutcomeComesOnceLaterAndNeverAfterAnAbortAndEachAcceptGivesOne) {
