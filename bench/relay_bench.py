@@ -133,7 +133,7 @@ class Bench:
 
     def start_vigild(self, name, port, scanners):
         var = self.root / name / "var"
-        for d in ("run", "av/scan", "lib/norvik", "spool/xmail/spool/temp",
+        for d in ("run", "support", "av/scan", "lib/norvik", "spool/xmail/spool/temp",
                   "spool/xmail/spool/local"):
             (var / d).mkdir(parents=True)
         if scanners:
