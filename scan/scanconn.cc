@@ -210,10 +210,9 @@ bool scan_addr_parse(const char* text, ScanAddr* out) {
 }
 
 ScanConn* scanconn_start(const ScanAddr& addr, ScanConnSpec spec, ScanConnDone done, void* data) {
-  int fd = socket(addr.ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0 || set_nonblock(fd) != 0) {
+  int fd = socket(addr.ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) {
     int saved = errno;
-    if (fd >= 0) close(fd);
     if (spec.file_fd >= 0) close(spec.file_fd);
     errno = saved;
     return nullptr;

@@ -356,17 +356,9 @@ void as_connect(AsServer* ps) {
   ps->status = 0;
   // Out of descriptors, say: that passes, so it is a failed attempt like a
   // refused connect, tried again, also at start-up.
-  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
   if (fd < 0) {
     dlog(DLOG_SPAM, 1, "Couldn't create anti-spam socket: %m\n");
-    as_connect_failed(ps);
-    return;
-  }
-  if (set_nonblock(fd) != 0) {
-    int saved = errno;
-    close(fd);
-    errno = saved;
-    dlog(DLOG_SPAM, 1, "Couldn't nonblock anti-spamr socket: %m\n");
     as_connect_failed(ps);
     return;
   }

@@ -331,17 +331,9 @@ void vs_connect() {
   vs.epoch++;
   // Out of descriptors, say: that passes, so it is a failed attempt like a
   // refused connect, tried again, also at start-up.
-  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
   if (fd < 0) {
     dlog(DLOG_VSCAN, 1, "Couldn't create local domain socket in vs_connect: %m\n");
-    vs_connect_failed();
-    return;
-  }
-  if (set_nonblock(fd) != 0) {
-    int saved = errno;
-    close(fd);
-    errno = saved;
-    dlog(DLOG_VSCAN, 1, "Couldn't non-block scanner socket in vs_connect: %m\n");
     vs_connect_failed();
     return;
   }
