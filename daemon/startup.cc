@@ -20,6 +20,7 @@
 #include "net/tproxy.h"
 #include "scan/clamd.h"
 #include "scan/spam.h"
+#include "scan/spool.h"
 #include "scan/vscan.h"
 #include "smtp/config.h"
 #include "smtp/smtp.h"
@@ -60,6 +61,7 @@ void proxy_init(const char* common_file, const char* proxy_file) {
   config_clear_lists();
   read_config(common_file, proxy_file);
   cleanup_scan_dir(config.scan_dir, config.scan_prefix);
+  spool_probe_dir(config.scan_dir);
 
   // clamd's scans each stream over a connection of their own, beside a probe.
   int scanner_fds = config.scanner_protocol == VscanProtocol::CLAMD ? CLAMD_MAX_STREAMS + 1 : 0;

@@ -34,35 +34,48 @@ void touch(int fd) {
   comm.dirty.push_back(fd);
 }
 
+short wanted(const DescriptorRecord& r) {
+  return r.free ? 0 : r.poll.events;
+}
+
+// Tells the epoll set what fd's record wants now.
+void set_kernel(int fd, short want) {
+  DescriptorRecord& r = comm.fds[fd];
+  epoll_event e{};
+  e.events = ((want & POLLIN) ? EPOLLIN : 0u) | ((want & POLLOUT) ? EPOLLOUT : 0u);
+  e.data.fd = fd;
+  int rc = 0;
+  if (want == 0) {
+    // Fails harmlessly when the owner closed fd: the kernel dropped it then.
+    // A descriptor its owner said it closes is not asked about at all.
+    if ((r.kernel != 0 || r.stale) && !r.closing)
+      epoll_ctl(comm.epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
+  } else {
+    rc = epoll_ctl(comm.epoll_fd, r.kernel != 0 ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &e);
+    // A stale record may name a new descriptor (ENOENT) or still the old one
+    // (EEXIST).
+    if (rc < 0 && errno == ENOENT) rc = epoll_ctl(comm.epoll_fd, EPOLL_CTL_ADD, fd, &e);
+    if (rc < 0 && errno == EEXIST) rc = epoll_ctl(comm.epoll_fd, EPOLL_CTL_MOD, fd, &e);
+    if (rc < 0) dlog(DLOG_COMM, 1, "epoll_ctl: fd %d: %m\n", fd);
+  }
+  r.kernel = rc < 0 ? 0 : want;
+  r.stale = false;
+  r.closing = false;
+}
+
 // Brings the epoll set in line with the table for every descriptor touched
-// since the last wait. A descriptor left without handlers leaves the set, so
-// a hung-up peer nobody reads cannot wake the loop for nothing.
+// since the last wait. Read interest that went away is left in the set: a
+// sender waiting for its reply sends nothing, and by the time the reply is
+// out its reader is back, so that round trip costs no epoll_ctl at all. An
+// event nobody wants takes such interest away when it comes (comm_run), so a
+// hung-up peer nobody reads cannot keep waking the loop. An owner's own
+// clear (stale) is told to the kernel at once: fd may be closed next.
 void sync_interest() {
   for (int fd : comm.dirty) {
     DescriptorRecord& r = comm.fds[fd];
     r.dirty = false;
-    const short want = r.free ? 0 : r.poll.events;
-    if (want == r.kernel && !r.stale) continue;
-    epoll_event e{};
-    e.events = ((want & POLLIN) ? EPOLLIN : 0u) | ((want & POLLOUT) ? EPOLLOUT : 0u);
-    e.data.fd = fd;
-    int rc = 0;
-    if (want == 0) {
-      // Fails harmlessly when the owner closed fd: the kernel dropped it then.
-      // A descriptor its owner said it closes is not asked about at all.
-      if ((r.kernel != 0 || r.stale) && !r.closing)
-        epoll_ctl(comm.epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
-    } else {
-      rc = epoll_ctl(comm.epoll_fd, r.kernel != 0 ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &e);
-      // A stale record may name a new descriptor (ENOENT) or still the old one
-      // (EEXIST).
-      if (rc < 0 && errno == ENOENT) rc = epoll_ctl(comm.epoll_fd, EPOLL_CTL_ADD, fd, &e);
-      if (rc < 0 && errno == EEXIST) rc = epoll_ctl(comm.epoll_fd, EPOLL_CTL_MOD, fd, &e);
-      if (rc < 0) dlog(DLOG_COMM, 1, "epoll_ctl: fd %d: %m\n", fd);
-    }
-    r.kernel = rc < 0 ? 0 : want;
-    r.stale = false;
-    r.closing = false;
+    const short want = wanted(r);
+    if (r.stale || (want != r.kernel && want != (r.kernel & ~POLLIN))) set_kernel(fd, want);
   }
   comm.dirty.clear();
 }
@@ -242,6 +255,12 @@ void comm_clear_fd(int fd, int flags) {
   clear_interest(fd, flags);
 }
 
+void comm_fresh_fd(int fd) {
+  // A new descriptor cannot be in the epoll set: the kernel dropped whatever
+  // had its number when that was closed.
+  if (valid(fd)) comm.fds[fd].kernel = 0;
+}
+
 void comm_closing(int fd) {
   if (!valid(fd)) return;
   // A number taken again before the next wait is registered anew: as a
@@ -298,6 +317,7 @@ void comm_run(int timeout) {
   for (int i = 0; i < r; i++) {
     const epoll_event& e = comm.events[static_cast<size_t>(i)];
     const DescriptorRecord& d = comm.fds[e.data.fd];
+    if (d.kernel != wanted(d)) set_kernel(e.data.fd, wanted(d));  // interest left in the set
     short revents = static_cast<short>(
         ((e.events & EPOLLIN) ? POLLIN : 0) | ((e.events & EPOLLOUT) ? POLLOUT : 0) |
         ((e.events & EPOLLERR) ? POLLERR : 0) | ((e.events & EPOLLHUP) ? POLLHUP : 0));

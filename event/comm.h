@@ -67,11 +67,18 @@ int comm_send_file(int fd, int file_fd, int offset, int length, CommHandler hand
 int comm_write_file(int fd, int file_fd, CommHandler handler, void* data);
 int comm_write_file_offset(int fd, int file_fd, int offset, CommHandler handler, void* data);
 
-// Starts a non-blocking connect; null when it could not start (errno intact).
-// The handler learns the outcome on a later cycle, with errno the socket's
-// error on failure. The record lives until the handler returns or an abort.
+// When a connect counts as done: once the socket is writable, or, for a
+// peer that speaks first (an SMTP server's greeting), once its first bytes
+// or an error arrive. The latter saves a loop cycle and an interest change
+// per connection; the bytes stay in the socket for the handler's reader.
+enum class ConnectDone { WRITABLE, FIRST_BYTES };
+
+// Starts a connect on fd, a non-blocking socket; null when it could not start
+// (errno intact). The handler learns the outcome on a later cycle, with errno
+// the socket's error on failure. The record lives until the handler returns
+// or an abort.
 CommConnect* comm_connect(int fd, const sockaddr* address, socklen_t length, CommHandler handler,
-                          void* data);
+                          void* data, ConnectDone when = ConnectDone::WRITABLE);
 // The handler is not called; fd stays open for the caller. Inside the
 // record's own handler it does nothing.
 void comm_connect_abort(CommConnect* record);

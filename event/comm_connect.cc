@@ -9,7 +9,9 @@
 #include "foundation/dlog.h"
 #include "foundation/fd.h"
 
-struct CommConnect : PendingOp {};
+struct CommConnect : PendingOp {
+  ConnectDone when = ConnectDone::WRITABLE;
+};
 struct CommAccept : PendingOp {};
 
 namespace {
@@ -56,6 +58,7 @@ void cancel_pending(PendingOp*& head, PendingOp* record, int flags) {
 
 void connect_handler(int fd, void* data) {
   auto* record = static_cast<CommConnect*>(data);
+  const int direction = record->when == ConnectDone::FIRST_BYTES ? COMM_READ : COMM_WRITE;
   dlog(DLOG_COMM, 7, "connect_handler: %d %p\n", fd, data);
   if (!comm_valid_fd(fd)) {
     dlog(DLOG_COMM, 1, "connect_handler: invalid fd: %d\n", fd);
@@ -68,14 +71,14 @@ void connect_handler(int fd, void* data) {
     dlog(DLOG_COMM, 1, "Can't getsockopt error: %d %m\n", fd);
     outcome = 1;
   } else if (pending != 0 && is_transient_errno(pending)) {
-    comm_add_fd(fd, COMM_WRITE, connect_handler, record);
+    comm_add_fd(fd, direction, connect_handler, record);
     return;
   } else if (pending != 0) {
     errno = pending;
     dlog(DLOG_COMM, 5, "Socket connection failed: %d %m\n", fd);
     outcome = 1;
   } else {
-    comm_clear_fd(fd, COMM_WRITE);
+    comm_clear_fd(fd, direction);
   }
   unlink_op(comm.connects, record);
   record->completing = true;
@@ -87,6 +90,7 @@ void comm_accept_handler(int listen_fd, void* data) {
   auto* record = static_cast<CommAccept*>(data);
   // Non-blocking from the start: no fcntl calls per connection.
   int fd = accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK);
+  comm_fresh_fd(fd);
   dlog(DLOG_COMM, 7, "comm_accept_handler: listen_fd %d fd %d\n", listen_fd, fd);
   if (fd < 0 && is_transient_errno(errno)) {
     comm_add_fd(listen_fd, COMM_READ, comm_accept_handler, record);
@@ -109,18 +113,20 @@ void comm_accept_handler(int listen_fd, void* data) {
 }  // namespace
 
 CommConnect* comm_connect(int fd, const sockaddr* address, socklen_t length, CommHandler handler,
-                          void* data) {
+                          void* data, ConnectDone when) {
   dlog(DLOG_COMM, 5, "comm_connect: %d\n", fd);
   if (!comm_valid_fd(fd)) {
     dlog(DLOG_COMM, 1, "comm_connect: invalid fd: %d\n", fd);
     return nullptr;
   }
-  if (set_nonblock(fd) != 0) {
-    dlog(DLOG_COMM, 1, "Can't nonblock connect socket: %m\n");
-    return nullptr;
-  }
+  comm_fresh_fd(fd);
   if (connect(fd, address, length) < 0 && !is_transient_errno(errno)) return nullptr;
-  return start_pending<CommConnect>(comm.connects, fd, COMM_WRITE, connect_handler, handler, data);
+  // A refused or reset connect wakes a reader as it wakes a writer.
+  auto* record = start_pending<CommConnect>(
+      comm.connects, fd, when == ConnectDone::FIRST_BYTES ? COMM_READ : COMM_WRITE, connect_handler,
+      handler, data);
+  record->when = when;
+  return record;
 }
 
 void comm_connect_abort(CommConnect* record) {
@@ -129,7 +135,9 @@ void comm_connect_abort(CommConnect* record) {
     return;
   }
   dlog(DLOG_COMM, 5, "Connect abort: %d\n", record->fd);
-  cancel_pending(comm.connects, record, COMM_WRITE);
+  cancel_pending(
+      comm.connects, record,
+      static_cast<CommConnect*>(record)->when == ConnectDone::FIRST_BYTES ? COMM_READ : COMM_WRITE);
 }
 
 CommAccept* comm_accept(int listen_fd, CommHandler handler, void* data) {

@@ -104,6 +104,10 @@ struct CommState {
 
 extern CommState comm;
 
+// fd was just made (accepted, or a socket about to connect): whatever the
+// table says the epoll set holds for its number is gone.
+void comm_fresh_fd(int fd);
+
 inline bool comm_valid_fd(int fd) {
   return fd >= 0 && fd < comm.nfiles;
 }

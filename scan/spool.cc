@@ -1,6 +1,8 @@
 #include "scan/spool.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +15,10 @@ namespace {
 // A 64 KiB buffer turns a large body into few writes without holding much
 // per connection.
 constexpr size_t SPOOL_BUFFER = 65536;
+
+// Whether a close may report a write error the writes did not (NFS, network
+// and FUSE file systems); unknown until the directory is probed.
+bool close_reports = true;
 
 bool write_all(SpoolFile* f, const char* p, size_t n) {
   while (n > 0) {
@@ -64,8 +70,28 @@ bool spool_sync(SpoolFile* f) {
   return f->pending.size() < SPOOL_BUFFER || flush(f);
 }
 
+void spool_probe_dir(const char* dir) {
+  struct statfs st {};
+  if (dir == nullptr || statfs(dir, &st) != 0) {
+    close_reports = true;
+    return;
+  }
+  // Local disk and memory file systems fail the write itself.
+  switch (static_cast<unsigned long>(st.f_type)) {
+    case TMPFS_MAGIC:
+    case EXT4_SUPER_MAGIC:  // ext2 and ext3 share it
+    case XFS_SUPER_MAGIC:
+    case BTRFS_SUPER_MAGIC:
+      close_reports = false;
+      break;
+    default:
+      close_reports = true;
+  }
+}
+
 bool spool_finish(SpoolFile* f) {
   if (!flush(f)) return false;
+  if (!close_reports) return true;
   // Some file systems (NFS among them) report a failed write only when a
   // descriptor is closed. Closing a duplicate asks for that report and keeps
   // the file open for the scanners and the relay.

@@ -33,6 +33,10 @@ bool spool_sync(SpoolFile* f);
 // Writes out the buffer and has the file system report any error a close
 // would: true when every byte is on the disk as far as the kernel can tell.
 bool spool_finish(SpoolFile* f);
+// Looks at the file system of the directory the files are made in: on local
+// ones (tmpfs, ext2-4, xfs, btrfs) a close reports nothing the writes did
+// not, so spool_finish skips asking. Until called, it always asks.
+void spool_probe_dir(const char* dir);
 // The file under f's name was replaced (a tagged copy renamed over it): fd
 // is reopened on it. False, fd closed, when it cannot be opened.
 bool spool_reopen(SpoolFile* f);

@@ -208,8 +208,10 @@ void backend_start(Connection* conn) {
   dlog(DLOG_SMTP, 9, "Connecting to backend\n");
   // The sender's envelope commands wait (501) until the greeting is accepted.
   conn->transaction_pending = true;
-  conn->be_connect = comm_connect(fd, reinterpret_cast<const sockaddr*>(&conn->receiver_addr),
-                                  sizeof conn->receiver_addr, be_connected, conn);
+  // The backend speaks first, so its greeting is what completes the connect.
+  conn->be_connect =
+      comm_connect(fd, reinterpret_cast<const sockaddr*>(&conn->receiver_addr),
+                   sizeof conn->receiver_addr, be_connected, conn, ConnectDone::FIRST_BYTES);
   if (conn->be_connect == nullptr) {
     dlog(DLOG_SMTP, 1, "Couldn't connect: %m\n");
     start_failed(conn);
@@ -248,8 +250,9 @@ void be_connected(int fd, int error, void* data) {
     close_connection(conn);
     return;
   }
-  // The greeting is the first line the dialogue sees.
-  comm_read(conn->receiver_fd, response_handler, conn);
+  // The greeting is the first line the dialogue sees. It has arrived (that
+  // completed the connect), so it is read now rather than a loop cycle later.
+  response_handler(conn->receiver_fd, conn);
 }
 
 void be_read_backend(Connection* conn) {

@@ -134,8 +134,9 @@ TEST(Comm, ConnectOutcomeComesOnceLaterAndNeverAfterAnAbortAndEachAcceptGivesOne
   event_test::init_loop_once();
   calls.clear();
   sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  UniqueFd listener(make_listen_socket(&a)), s(socket(AF_INET, SOCK_STREAM, 0)),
-      aborted(socket(AF_INET, SOCK_STREAM, 0)), own(socket(AF_INET, SOCK_STREAM, 0));
+  UniqueFd listener(make_listen_socket(&a)), s(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)),
+      aborted(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)),
+      own(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
   socklen_t len = sizeof(a);
   getsockname(listener.get(), reinterpret_cast<sockaddr*>(&a), &len);
   auto start = [&](int fd, CommHandler handler) {
@@ -163,6 +164,51 @@ TEST(Comm, ConnectOutcomeComesOnceLaterAndNeverAfterAnAbortAndEachAcceptGivesOne
   EXPECT_EQ(comm.accepts, nullptr);
   comm_accept_cancel(comm_accept(listener.get(), on_result, nullptr));
   EXPECT_TRUE(comm.fds[listener.get()].free);
+}
+
+// Read interest that went away stays with the kernel until an event shows it
+// unwanted; it must then go at once, or the loop would wake for it forever.
+// A descriptor the loop did not see closed may come back under its number as
+// a new socket, which must still be registered; a connect that waits for the
+// peer's first bytes completes on them.
+TEST(Comm, UnwantedInputIsDroppedOnceAndANewSocketUnderAnOldNumberIsHeard) {
+  event_test::init_loop_once();
+  calls.clear();
+  sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  UniqueFd listener(make_listen_socket(&a));
+  socklen_t len = sizeof(a);
+  getsockname(listener.get(), reinterpret_cast<sockaddr*>(&a), &len);
+  event_test::SocketPair idle;  // something to wait on besides
+  comm_read(idle.a.get(), record, nullptr);
+  auto* p = new event_test::SocketPair;
+  const int fd = p->a.get();
+  ASSERT_EQ(write(p->b.get(), "x", 1), 1);
+  comm_read(fd, record, nullptr);
+  comm_run(0);  // dispatched and not re-armed
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(comm.fds[fd].kernel, POLLIN) << "a dropped reader costs an epoll_ctl";
+  comm_run(0);  // the byte is still there: the kernel reports it, nobody wants it
+  EXPECT_EQ(comm.fds[fd].kernel, 0);
+  comm_read(fd, record, nullptr);  // wanted again: heard again
+  comm_run(0);
+  ASSERT_EQ(calls.size(), 2u);
+  close(p->a.release());  // behind the loop's back, its interest still in the table
+  p->b.reset();
+  delete p;
+  UniqueFd s(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+  ASSERT_EQ(s.get(), fd) << "the test needs the number back";
+  ASSERT_EQ(comm.fds[fd].kernel, POLLIN);  // what the table still says of the old socket
+  ASSERT_NE(comm_connect(s.get(), reinterpret_cast<sockaddr*>(&a), sizeof(a), on_result, nullptr,
+                         ConnectDone::FIRST_BYTES),
+            nullptr);
+  for (int i = 0; i < 5; i++) comm_run(0);
+  EXPECT_EQ(calls.size(), 2u) << "connected, but the peer has not spoken";
+  UniqueFd peer(accept(listener.get(), nullptr, nullptr));
+  ASSERT_EQ(write(peer.get(), "220\r\n", 5), 5);
+  EXPECT_TRUE(run_until([] { return calls.size() == 3; }));
+  EXPECT_EQ(calls.back(), std::to_string(fd) + ":0:0");
+  char greeting[8];
+  EXPECT_EQ(read(s.get(), greeting, sizeof greeting), 5) << "the first bytes are the reader's";
 }
 
 // The write queue: each buffer goes out whole, in order, completes once and is
