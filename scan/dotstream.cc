@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "foundation/dlog.h"
 #include "foundation/text.h"
@@ -37,15 +40,29 @@ bool plain_line(const char* p, size_t n) {
          memchr(p, '\n', n - 2) == nullptr;
 }
 
+// The first CR or LF in p[j, n), or n. One pass over the bytes finds a line's
+// end and any stray CR or LF in it alike; 16 bytes are looked at per step.
+size_t next_cr_or_lf(const char* p, size_t j, size_t n) {
+#ifdef __SSE2__
+  const __m128i cr = _mm_set1_epi8('\r'), lf = _mm_set1_epi8('\n');
+  for (; j + 16 <= n; j += 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + j));
+    const int hits = _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, cr), _mm_cmpeq_epi8(v, lf)));
+    if (hits != 0) return j + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(hits)));
+  }
+#endif
+  while (j < n && p[j] != '\r' && p[j] != '\n') j++;
+  return j;
+}
+
 // From a line start at i: the end of the run of plain lines that do not
-// start with ".", which go out unchanged.
+// start with ".", which go out unchanged. A line is plain when the first CR
+// or LF in it is a CR with LF right after.
 size_t plain_lines(const char* p, size_t i, size_t n) {
   while (i < n && p[i] != '.') {
-    const void* lf = memchr(p + i, '\n', n - i);
-    if (lf == nullptr) break;
-    size_t end = static_cast<size_t>(static_cast<const char*>(lf) - p) + 1;
-    if (!plain_line(p + i, end - i)) break;
-    i = end;
+    const size_t k = next_cr_or_lf(p, i, n);
+    if (k + 1 >= n || p[k] != '\r' || p[k + 1] != '\n') break;
+    i = k + 2;
   }
   return i;
 }
@@ -131,7 +148,7 @@ DotResult dot_decode_piece(DotDecoder* d, const char* piece, size_t n, std::stri
   return DotResult::MORE;
 }
 
-size_t dot_decode_bulk(DotDecoder* d, const char* p, size_t n, std::string* out) {
+size_t dot_decode_bulk(DotDecoder* d, const char* p, size_t n) {
   if (!d->newline || !d->after_crlf || d->pending_cr || d->held) return 0;
   if (d->declared_size > 0) {
     // The SIZE rule looks only at a piece that ends at SIZE + 3 bytes; lines
@@ -141,7 +158,6 @@ size_t dot_decode_bulk(DotDecoder* d, const char* p, size_t n, std::string* out)
     n = std::min(n, static_cast<size_t>(d->declared_size - d->bytes));
   }
   const size_t end = plain_lines(p, 0, n);
-  out->append(p, end);
   d->bytes += static_cast<int64_t>(end);
   return end;
 }

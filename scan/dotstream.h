@@ -36,10 +36,11 @@ DotResult dot_decode_piece(DotDecoder* d, const char* piece, size_t n, std::stri
 // or held, takes the longest prefix of p[0, n) made of whole lines that end
 // in CR LF, hold no other CR or LF and do not start with "." (lines the rule
 // leaves as they are, none of which can end the data), and stops before the
-// SIZE rule could apply. Appends them to out in one go and returns the bytes
-// taken (0: take the next piece with dot_decode_piece); the decoder is left
-// exactly as dot_decode_piece would leave it after those lines.
-size_t dot_decode_bulk(DotDecoder* d, const char* p, size_t n, std::string* out);
+// SIZE rule could apply. Returns their length (0: take the next piece with
+// dot_decode_piece): p[0, length) is their content as it stands, for the
+// caller to store from where it is; the decoder is left exactly as
+// dot_decode_piece would leave it after those lines.
+size_t dot_decode_bulk(DotDecoder* d, const char* p, size_t n);
 // The sender has nothing more for now. END when bytes held back by the SIZE
 // rule end the data here (they become the last line's CR LF).
 DotResult dot_decode_idle(DotDecoder* d, std::string* out);

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/uio.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 
@@ -20,27 +22,43 @@ constexpr size_t SPOOL_BUFFER = 65536;
 // and FUSE file systems); unknown until the directory is probed.
 bool close_reports = true;
 
-bool write_all(SpoolFile* f, const char* p, size_t n) {
-  while (n > 0) {
-    ssize_t w = write(f->fd, p, n);
+// The buffer's bytes, then n more from p, in as few calls as the kernel
+// allows and without copying p.
+bool write_through(SpoolFile* f, const char* p, size_t n) {
+  iovec v[2] = {{f->pending.data(), f->pending.size()}, {const_cast<char*>(p), n}};
+  iovec* at = v;
+  int count = 2;
+  bool ok = true;
+  while (count > 0) {
+    if (at->iov_len == 0) {
+      at++;
+      count--;
+      continue;
+    }
+    ssize_t w = writev(f->fd, at, count);
     if (w < 0 && errno == EINTR) continue;
     if (w <= 0) {
       if (w == 0) errno = ENOSPC;
       f->failed = true;
-      return false;
+      ok = false;
+      break;
     }
-    p += w;
-    n -= static_cast<size_t>(w);
     f->size += w;
+    // Past what went out; a short write leaves the rest of an entry.
+    for (auto left = static_cast<size_t>(w); left > 0; at++, count--) {
+      size_t taken = std::min(left, at->iov_len);
+      at->iov_base = static_cast<char*>(at->iov_base) + taken;
+      at->iov_len -= taken;
+      left -= taken;
+      if (at->iov_len > 0) break;  // the kernel took part of this entry only
+    }
   }
-  return true;
+  f->pending.clear();
+  return ok;
 }
 
 bool flush(SpoolFile* f) {
-  if (f->failed) return false;
-  bool ok = write_all(f, f->pending.data(), f->pending.size());
-  f->pending.clear();
-  return ok;
+  return !f->failed && write_through(f, nullptr, 0);
 }
 
 }  // namespace
@@ -59,7 +77,7 @@ bool spool_write(SpoolFile* f, const char* bytes, size_t n) {
     f->pending.append(bytes, n);
     return true;
   }
-  return flush(f) && write_all(f, bytes, n);
+  return write_through(f, bytes, n);
 }
 
 bool spool_sync(SpoolFile* f) {

@@ -158,22 +158,27 @@ void relay_pump(Connection* conn) {
       continue;
     }
     r->out.clear();
-    ssize_t n = pread(r->file_fd, relay_in, sizeof relay_in, r->offset);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      dlog(DLOG_SMTP, 1, "%p, Couldn't read the message for the backend: %m\n", log_ptr(conn));
-      relay_failed(conn, "451 Internal Error\r\n");
-      return;
-    }
-    if (n == 0) {
+    if (r->offset == r->size) {  // all of it went out as it is: the end of data is left
       dot_encode_finish(&r->encoder, &r->out);
       r->last = true;
     } else {
-      r->offset += n;
-      dot_encode(&r->encoder, relay_in, static_cast<size_t>(n), &r->out);
-      if (r->offset == r->size) {  // one write less, and one segment less for the backend
+      ssize_t n = pread(r->file_fd, relay_in, sizeof relay_in, r->offset);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        dlog(DLOG_SMTP, 1, "%p, Couldn't read the message for the backend: %m\n", log_ptr(conn));
+        relay_failed(conn, "451 Internal Error\r\n");
+        return;
+      }
+      if (n == 0) {
         dot_encode_finish(&r->encoder, &r->out);
         r->last = true;
+      } else {
+        r->offset += n;
+        dot_encode(&r->encoder, relay_in, static_cast<size_t>(n), &r->out);
+        if (r->offset == r->size) {  // one write less, and one segment less for the backend
+          dot_encode_finish(&r->encoder, &r->out);
+          r->last = true;
+        }
       }
     }
     r->in_flight = r->in_call = true;

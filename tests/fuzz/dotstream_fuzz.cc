@@ -44,7 +44,9 @@ Decoded decode(std::string_view raw, size_t cut, int64_t size, uint32_t idle_bit
   while (r.used < raw.size() && !r.end) {
     if (bulk > 0) {
       size_t n = std::min(bulk, raw.size() - r.used);
-      r.used += dot_decode_bulk(&d, raw.data() + r.used, n, &r.content);
+      size_t plain = dot_decode_bulk(&d, raw.data() + r.used, n);
+      r.content.append(raw.data() + r.used, plain);
+      r.used += plain;
       if (r.used == raw.size()) break;
     }
     size_t lf = raw.find('\n', r.used);
