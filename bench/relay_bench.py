@@ -19,7 +19,8 @@ Every path runs in one loopback-only network namespace made for the run:
     sender count and reuse mode, so they share the machine's conditions.
 
 The daemon runs under unshare -m with a directory of /dev/shm (tmpfs) bound
-over /var, in the foreground (-d -e -s). Messages per second come from the
+over /var, in the foreground (-d -e -s); --scan-tmpfs mounts a tmpfs of its
+own with the given options over its scan directory. Messages per second come from the
 wall time of smtp-source (all replies awaited), once with a new connection
 per message and once with -d, which keeps each sender's connection for all
 its messages; CPU is the proxy's utime+stime from /proc (socat's with its
@@ -30,6 +31,7 @@ since the machine may be shared.
 Needs root. Usage:
   /usr/bin/python3 bench/relay_bench.py [--vigild build-bench/vigild] [--repeat 3] [--scale 1]
       [--paths direct,socat,haproxy,off,on] [--senders 1,10] [--sizes 4K,1M] [--reuse new,reuse]
+      [--scan-tmpfs size=2g,huge=within_size] [--perf DIR]
 """
 
 import argparse
@@ -99,8 +101,9 @@ def listening(pid, port):
 
 
 class Bench:
-    def __init__(self, vigild):
+    def __init__(self, vigild, scan_tmpfs=""):
         self.vigild = vigild
+        self.scan_tmpfs = scan_tmpfs
         self.ns = f"relaybench-{os.getpid()}"
         self.root = Path(tempfile.mkdtemp(prefix="relaybench-", dir="/dev/shm"))
         self.procs = {}  # name -> Popen, stopped by pid in close()
@@ -148,9 +151,12 @@ class Bench:
                     "use_scanner": int(scanners)}
         proxy.write_text("[vigild]\n" + "".join(f"{k}={v}\n" for k, v in settings.items()))
         # ip netns exec, unshare and sh exec in place: the Popen pid is vigild's.
-        script = 'mount --bind "$1" /var && shift && exec "$@"'
+        # With --scan-tmpfs the scan directory gets a tmpfs of its own, mounted
+        # with those options (as an administrator would put it in fstab).
+        script = 'mount --bind "$1" /var && shift && ' \
+            '{ [ -z "$1" ] || mount -t tmpfs -o "$1" vigild-scan /var/av/scan; } && shift && exec "$@"'
         self.start(name, ["unshare", "-m", "--propagation", "private", "sh", "-c", script,
-                          "vigild-bench", str(var), self.vigild, "-d", "-e", "-s",
+                          "vigild-bench", str(var), self.scan_tmpfs, self.vigild, "-d", "-e", "-s",
                           "-c", str(common), "-p", str(proxy)], port)
         if scanners:  # until the pool is up, the daemon lets messages pass unscanned
             self.fakes[1].wait_for(lambda v: len(v.hellos) == 1, 15, "the scanner hello")
@@ -233,6 +239,9 @@ def main():
     ap.add_argument("--reuse", default="new,reuse",
                     help="new: a connection per message; reuse: smtp-source -d")
     ap.add_argument("--perf", metavar="DIR", help="perf record the daemon in every run, into DIR")
+    ap.add_argument("--scan-tmpfs", metavar="OPTIONS", default="",
+                    help="give the daemons' scan directory a tmpfs of its own, mounted with "
+                         "these options (e.g. size=2g,huge=within_size)")
     args = ap.parse_args()
     if os.geteuid() != 0:
         sys.exit("relay_bench: needs root (network and mount namespaces)")
@@ -246,7 +255,7 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("relay_bench: terminated"))
     port = {"direct": None, "socat": SOCAT_PORT, "haproxy": HAPROXY_PORT, "off": OFF_PORT,
             "on": ON_PORT}
-    bench = Bench(os.path.abspath(args.vigild))
+    bench = Bench(os.path.abspath(args.vigild), args.scan_tmpfs)
     try:
         bench.start("sink", ["/usr/sbin/smtp-sink", "-c", "-u", "nobody", "-h", "sink.bench",
                              "127.0.0.2:25", "128"], 25)
