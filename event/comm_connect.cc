@@ -16,6 +16,12 @@ struct CommAccept : PendingOp {};
 
 namespace {
 
+// The direction a connect waits in. A refused or reset connect wakes a
+// reader as it wakes a writer.
+int direction(ConnectDone when) {
+  return when == ConnectDone::FIRST_BYTES ? COMM_READ : COMM_WRITE;
+}
+
 void push(PendingOp*& head, PendingOp* op) {
   op->prev = nullptr;
   op->next = head;
@@ -58,7 +64,6 @@ void cancel_pending(PendingOp*& head, PendingOp* record, int flags) {
 
 void connect_handler(int fd, void* data) {
   auto* record = static_cast<CommConnect*>(data);
-  const int direction = record->when == ConnectDone::FIRST_BYTES ? COMM_READ : COMM_WRITE;
   dlog(DLOG_COMM, 7, "connect_handler: %d %p\n", fd, data);
   if (!comm_valid_fd(fd)) {
     dlog(DLOG_COMM, 1, "connect_handler: invalid fd: %d\n", fd);
@@ -71,14 +76,14 @@ void connect_handler(int fd, void* data) {
     dlog(DLOG_COMM, 1, "Can't getsockopt error: %d %m\n", fd);
     outcome = 1;
   } else if (pending != 0 && is_transient_errno(pending)) {
-    comm_add_fd(fd, direction, connect_handler, record);
+    comm_add_fd(fd, direction(record->when), connect_handler, record);
     return;
   } else if (pending != 0) {
     errno = pending;
     dlog(DLOG_COMM, 5, "Socket connection failed: %d %m\n", fd);
     outcome = 1;
   } else {
-    comm_clear_fd(fd, direction);
+    comm_clear_fd(fd, direction(record->when));
   }
   unlink_op(comm.connects, record);
   record->completing = true;
@@ -121,10 +126,8 @@ CommConnect* comm_connect(int fd, const sockaddr* address, socklen_t length, Com
   }
   comm_fresh_fd(fd);
   if (connect(fd, address, length) < 0 && !is_transient_errno(errno)) return nullptr;
-  // A refused or reset connect wakes a reader as it wakes a writer.
-  auto* record = start_pending<CommConnect>(
-      comm.connects, fd, when == ConnectDone::FIRST_BYTES ? COMM_READ : COMM_WRITE, connect_handler,
-      handler, data);
+  auto* record = start_pending<CommConnect>(comm.connects, fd, direction(when), connect_handler,
+                                            handler, data);
   record->when = when;
   return record;
 }
@@ -135,9 +138,7 @@ void comm_connect_abort(CommConnect* record) {
     return;
   }
   dlog(DLOG_COMM, 5, "Connect abort: %d\n", record->fd);
-  cancel_pending(
-      comm.connects, record,
-      static_cast<CommConnect*>(record)->when == ConnectDone::FIRST_BYTES ? COMM_READ : COMM_WRITE);
+  cancel_pending(comm.connects, record, direction(record->when));
 }
 
 CommAccept* comm_accept(int listen_fd, CommHandler handler, void* data) {
