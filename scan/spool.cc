@@ -17,6 +17,9 @@ namespace {
 // A 64 KiB buffer turns a large body into few writes without holding much
 // per connection.
 constexpr size_t SPOOL_BUFFER = 65536;
+// A piece this large goes to the file from where it is, with what the buffer
+// holds, rather than being copied into the buffer first.
+constexpr size_t SPOOL_THROUGH = 16384;
 
 // Whether a close may report a write error the writes did not (NFS, network
 // and FUSE file systems); unknown until the directory is probed.
@@ -73,7 +76,7 @@ SpoolFile* spool_adopt(int fd, const char* name) {
 
 bool spool_write(SpoolFile* f, const char* bytes, size_t n) {
   if (f->failed) return false;
-  if (f->pending.size() + n < SPOOL_BUFFER) {
+  if (n < SPOOL_THROUGH && f->pending.size() + n < SPOOL_BUFFER) {
     f->pending.append(bytes, n);
     return true;
   }

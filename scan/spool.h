@@ -19,8 +19,9 @@ struct SpoolFile {
 
 // Takes fd, made by mkstemp under name.
 SpoolFile* spool_adopt(int fd, const char* name);
-// Buffers n bytes, writing out full buffers. False once any write failed
-// (errno tells why the first time); later bytes are dropped.
+// Buffers n bytes, writing out full buffers; a large piece is written at
+// once, behind what the buffer holds. False once any write failed (errno
+// tells why the first time); later bytes are dropped.
 bool spool_write(SpoolFile* f, const char* bytes, size_t n);
 // The buffer itself, for a producer that appends to it in place instead of
 // handing over a copy; spool_sync after each append.

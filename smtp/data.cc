@@ -205,7 +205,7 @@ void read_stopped(int fd, Connection* conn, Message* m, int err) {
 // scan file as they are; no line taken here starts with a dot. Returns the
 // bytes taken (0: the next one goes piece by piece), or -1 when the
 // connection is done with (the handler has run its course).
-int64_t take_bulk(int fd, Connection* conn, Message* m, int64_t room) {
+int64_t take_bulk(int fd, Connection* conn, Message* m) {
   const DotDecoder& d = m->rx;
   if (!m->header_done || !d.newline || !d.after_crlf || d.pending_cr || d.held) return 0;
   LineStream* stream = conn->sender_stream.get();
@@ -216,7 +216,9 @@ int64_t take_bulk(int fd, Connection* conn, Message* m, int64_t room) {
     read_stopped(fd, conn, m, errno);
     return -1;
   }
-  size_t used = dot_decode_bulk(&m->rx, p, std::min<size_t>(static_cast<size_t>(n), room));
+  // The whole read is offered, even past the handler's budget: what is left
+  // of it would otherwise be copied aside until the next pass.
+  size_t used = dot_decode_bulk(&m->rx, p, static_cast<size_t>(n));
   if (used > 0) {
     check_body(conn, m);
     // The lines go to the file from the stream's own buffer: no copy of a
@@ -247,7 +249,7 @@ void data_handler(int fd, void* data) {
       comm_read_now(fd, data_handler, conn);
       return;
     }
-    int64_t bulk = take_bulk(fd, conn, m, DATA_BYTES_PER_EVENT - taken);
+    int64_t bulk = take_bulk(fd, conn, m);
     if (bulk < 0) return;
     if (bulk > 0) {
       taken += bulk;
