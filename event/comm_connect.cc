@@ -54,8 +54,10 @@ Op* start_pending(PendingOp*& head, int fd, int flags, IoHandler io, CommHandler
 
 // Drops a pending record without calling its handler. From inside that
 // handler the record is already done and freed by its caller; the interest
-// may by then belong to a new registration, so nothing is touched.
-void cancel_pending(PendingOp*& head, PendingOp* record, int flags) {
+// may by then belong to a new registration, so nothing is touched. The
+// record is freed as what it was made as.
+template <typename Op>
+void cancel_pending(PendingOp*& head, Op* record, int flags) {
   if (record->completing) return;
   comm_add_fd(record->fd, flags, nullptr, nullptr);
   unlink_op(head, record);
