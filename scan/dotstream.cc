@@ -25,21 +25,6 @@ bool ends_with_terminator(const char* p, size_t n) {
          memcmp(p + n - TERMINATOR_LENGTH, TERMINATOR, TERMINATOR_LENGTH) == 0;
 }
 
-// The bytes up to the next CR or LF, appended in one go.
-size_t append_run(const char* p, size_t i, size_t n, std::string* out) {
-  size_t j = i + 1;
-  while (j < n && p[j] != '\r' && p[j] != '\n') j++;
-  out->append(p + i, j - i);
-  return j;
-}
-
-// A line ended by CR LF with no other CR or LF in it: the rule leaves it as
-// it is. Nearly every line of a message is one.
-bool plain_line(const char* p, size_t n) {
-  return n >= 2 && p[n - 1] == '\n' && p[n - 2] == '\r' && memchr(p, '\r', n - 2) == nullptr &&
-         memchr(p, '\n', n - 2) == nullptr;
-}
-
 // The first CR or LF in p[j, n), or n. One pass over the bytes finds a line's
 // end and any stray CR or LF in it alike; 16 bytes are looked at per step.
 size_t next_cr_or_lf(const char* p, size_t j, size_t n) {
@@ -53,6 +38,19 @@ size_t next_cr_or_lf(const char* p, size_t j, size_t n) {
 #endif
   while (j < n && p[j] != '\r' && p[j] != '\n') j++;
   return j;
+}
+
+// The bytes up to the next CR or LF, appended in one go.
+size_t append_run(const char* p, size_t i, size_t n, std::string* out) {
+  const size_t j = next_cr_or_lf(p, i + 1, n);
+  out->append(p + i, j - i);
+  return j;
+}
+
+// A line ended by CR LF with no other CR or LF in it: the rule leaves it as
+// it is. Nearly every line of a message is one.
+bool plain_line(const char* p, size_t n) {
+  return n >= 2 && next_cr_or_lf(p, 0, n) == n - 2 && p[n - 2] == '\r' && p[n - 1] == '\n';
 }
 
 // From a line start at i: the end of the run of plain lines that do not

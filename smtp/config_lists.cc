@@ -62,6 +62,18 @@ void add_relay_line(char* line, std::vector<RelayIp>* list) {
        static_cast<int>(list->size() - 1));
 }
 
+// Replaces list with the networks of a file in the relay-IPs format; false,
+// list untouched, when the file cannot be opened.
+bool load_networks(const char* path, std::vector<RelayIp>* list) {
+  FilePtr file(fopen(path, "r"));
+  if (!file) return false;
+  list->clear();
+  list->reserve(LIST_INITIAL_CAPACITY);
+  char line[LIST_LINE_SIZE];
+  while (fgets(line, sizeof line, file.get()) != nullptr) add_relay_line(line, list);
+  return true;
+}
+
 }  // namespace
 
 std::vector<DstrPtr> local_domains;
@@ -112,23 +124,13 @@ void load_local_domains() {
 }
 
 void load_relay_ips() {
-  FilePtr file(fopen(config.relay_ips_file, "r"));
-  if (!file) {
+  if (!load_networks(config.relay_ips_file, &relay_ips))
     dlog(DLOG_SMTP, 1, "Can't read relay ip file %s: %m\n", config.relay_ips_file);
-    return;
-  }
-  relay_ips.clear();
-  relay_ips.reserve(LIST_INITIAL_CAPACITY);
-  char line[LIST_LINE_SIZE];
-  while (fgets(line, sizeof line, file.get()) != nullptr) add_relay_line(line, &relay_ips);
 }
 
 void load_proxy_networks() {
-  FilePtr file(fopen(config.proxy_networks_file, "r"));
-  if (!file) fatal_exit("Couldn't open proxy networks file %s: %m\n", config.proxy_networks_file);
-  proxy_networks.clear();
-  char line[LIST_LINE_SIZE];
-  while (fgets(line, sizeof line, file.get()) != nullptr) add_relay_line(line, &proxy_networks);
+  if (!load_networks(config.proxy_networks_file, &proxy_networks))
+    fatal_exit("Couldn't open proxy networks file %s: %m\n", config.proxy_networks_file);
 }
 
 void load_auth_file() {
