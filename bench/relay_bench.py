@@ -28,10 +28,18 @@ reaped per-connection children). smtp-sink's counters (-c) must show every
 message sent, or the run fails. The load average is printed with each row,
 since the machine may be shared.
 
+smtp-source and smtp-sink size each connection's stream buffer from the TCP
+segment size, 64 or 128 KiB on loopback: right at glibc's dynamic mmap
+threshold. Whether a closed connection's buffer is trimmed off the heap and
+faulted back in for the next one then depends on the timing of connections,
+which differs by path, and the tools share the proxy's cores.
+--tools-no-trim fixes their allocator (no trimming, a fixed mmap threshold)
+on every path, so their cost per message no longer depends on the path.
+
 Needs root. Usage:
   /usr/bin/python3 bench/relay_bench.py [--vigild build-bench/vigild] [--repeat 3] [--scale 1]
       [--paths direct,socat,haproxy,off,on] [--senders 1,10] [--sizes 4K,1M] [--reuse new,reuse]
-      [--scan-tmpfs size=2g,huge=within_size] [--perf DIR]
+      [--scan-tmpfs size=2g,huge=within_size] [--tools-no-trim] [--perf DIR]
 """
 
 import argparse
@@ -54,6 +62,9 @@ SOURCE = ["/usr/sbin/smtp-source", "-M", "bench.test", "-f", "from@bench.test",
           "-t", "to@bench.test"]
 SOCAT_PORT, OFF_PORT, ON_PORT, HAPROXY_PORT = 2526, 2527, 2528, 2529
 # (label, smtp-source -l payload, messages for 1 sender, messages for 10 senders)
+# A trim threshold above anything the tools hold and an mmap threshold above
+# their largest buffer: freed buffers stay on the heap for the next connection.
+TOOLS_NO_TRIM = "glibc.malloc.trim_threshold=67108864:glibc.malloc.mmap_threshold=33554432"
 SIZES = {"4K": ("4 KB", 4096, 3000, 8000), "1M": ("1 MB", 1048576, 200, 400)}
 HAPROXY_CONF = f"""global
     nbthread 1
@@ -101,9 +112,11 @@ def listening(pid, port):
 
 
 class Bench:
-    def __init__(self, vigild, scan_tmpfs=""):
+    def __init__(self, vigild, scan_tmpfs="", tools_no_trim=False):
         self.vigild = vigild
         self.scan_tmpfs = scan_tmpfs
+        # The environment of smtp-source and smtp-sink (see --tools-no-trim).
+        self.tool_env = dict(os.environ, GLIBC_TUNABLES=TOOLS_NO_TRIM) if tools_no_trim else None
         self.ns = f"relaybench-{os.getpid()}"
         self.root = Path(tempfile.mkdtemp(prefix="relaybench-", dir="/dev/shm"))
         self.procs = {}  # name -> Popen, stopped by pid in close()
@@ -121,10 +134,10 @@ class Bench:
     def nsexec(self, cmd):
         return ["ip", "netns", "exec", self.ns] + cmd
 
-    def start(self, name, cmd, port):
+    def start(self, name, cmd, port, env=None):
         err = open(self.root / f"{name}.err", "wb")
         self.procs[name] = p = subprocess.Popen(self.nsexec(cmd), stdin=subprocess.DEVNULL,
-                                                stdout=err, stderr=err)
+                                                stdout=err, stderr=err, env=env)
         err.close()
         wait_until(lambda: listening(p.pid, port) or p.poll() is not None, 15, f"{name} to listen")
         if p.poll() is not None:
@@ -192,7 +205,7 @@ class Bench:
             r = subprocess.run(self.nsexec(cmd + SOURCE + ["-d"] * reuse +
                                            ["-s", str(senders), "-m", str(messages), "-l",
                                             str(size), "127.0.0.2:25"]),
-                               capture_output=True, text=True, timeout=300)
+                               capture_output=True, text=True, timeout=300, env=self.tool_env)
         except subprocess.TimeoutExpired:
             where = f"\n{proxy} log tail:\n{self.log(proxy)}" if proxy else ""
             raise RuntimeError(f"smtp-source stalled on {proxy or 'direct'} after "
@@ -239,6 +252,8 @@ def main():
     ap.add_argument("--reuse", default="new,reuse",
                     help="new: a connection per message; reuse: smtp-source -d")
     ap.add_argument("--perf", metavar="DIR", help="perf record the daemon in every run, into DIR")
+    ap.add_argument("--tools-no-trim", action="store_true",
+                    help="run smtp-source and smtp-sink with glibc's heap trimming off")
     ap.add_argument("--scan-tmpfs", metavar="OPTIONS", default="",
                     help="give the daemons' scan directory a tmpfs of its own, mounted with "
                          "these options (e.g. size=2g,huge=within_size)")
@@ -255,10 +270,10 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("relay_bench: terminated"))
     port = {"direct": None, "socat": SOCAT_PORT, "haproxy": HAPROXY_PORT, "off": OFF_PORT,
             "on": ON_PORT}
-    bench = Bench(os.path.abspath(args.vigild), args.scan_tmpfs)
+    bench = Bench(os.path.abspath(args.vigild), args.scan_tmpfs, args.tools_no_trim)
     try:
         bench.start("sink", ["/usr/sbin/smtp-sink", "-c", "-u", "nobody", "-h", "sink.bench",
-                             "127.0.0.2:25", "128"], 25)
+                             "127.0.0.2:25", "128"], 25, bench.tool_env)
         if "socat" in paths:
             bench.start("socat", ["socat", f"TCP4-LISTEN:{SOCAT_PORT},reuseaddr,fork,backlog=128",
                                   "TCP4:127.0.0.2:25"], SOCAT_PORT)
