@@ -158,10 +158,9 @@ void relay_pump(Connection* conn) {
       continue;
     }
     r->out.clear();
-    if (r->offset == r->size) {  // all of it went out as it is: the end of data is left
-      dot_encode_finish(&r->encoder, &r->out);
-      r->last = true;
-    } else {
+    // All of it went out as it is (sendfile): only the end of data is left.
+    bool at_end = r->offset == r->size;
+    if (!at_end) {
       ssize_t n = pread(r->file_fd, relay_in, sizeof relay_in, r->offset);
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) {
@@ -169,17 +168,15 @@ void relay_pump(Connection* conn) {
         relay_failed(conn, "451 Internal Error\r\n");
         return;
       }
-      if (n == 0) {
-        dot_encode_finish(&r->encoder, &r->out);
-        r->last = true;
-      } else {
-        r->offset += n;
-        dot_encode(&r->encoder, relay_in, static_cast<size_t>(n), &r->out);
-        if (r->offset == r->size) {  // one write less, and one segment less for the backend
-          dot_encode_finish(&r->encoder, &r->out);
-          r->last = true;
-        }
-      }
+      r->offset += n;
+      if (n > 0) dot_encode(&r->encoder, relay_in, static_cast<size_t>(n), &r->out);
+      // The end goes with the last read (one write less, and one segment less
+      // for the backend), or where the file turned out shorter.
+      at_end = n == 0 || r->offset == r->size;
+    }
+    if (at_end) {
+      dot_encode_finish(&r->encoder, &r->out);
+      r->last = true;
     }
     r->in_flight = r->in_call = true;
     int w = comm_write(conn->receiver_fd, r->out.data(), static_cast<int>(r->out.size()),

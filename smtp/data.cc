@@ -55,6 +55,11 @@ void refuse_rest(Connection* conn, Message* m, const char* reply, const char* wh
   dlog(DLOG_SMTP, 3, why, log_ptr(conn), m->file->name.c_str());
 }
 
+// The scan file could not take the bytes: a full disk, say.
+void refuse_store(Connection* conn, Message* m) {
+  refuse_rest(conn, m, STORE_REFUSAL, "%p, Error writing scanfile %s: %m\n");
+}
+
 // The header is copied aside while it streams in, up to its empty line; a
 // header too long for the copy is read back from the file at the end.
 void copy_header(Message* m, const char* p, size_t n) {
@@ -89,7 +94,7 @@ void store_content(Connection* conn, Message* m, size_t before) {
   if (m->refusal != nullptr)
     b->clear();
   else if (!spool_sync(m->file.get()))
-    refuse_rest(conn, m, STORE_REFUSAL, "%p, Error writing scanfile %s: %m\n");
+    refuse_store(conn, m);
 }
 
 // The limits that apply while the body streams in.
@@ -102,8 +107,7 @@ void check_body(Connection* conn, Message* m) {
 }
 
 void end_of_data(Connection* conn, Message* m) {
-  if (m->refusal == nullptr && !spool_finish(m->file.get()))
-    refuse_rest(conn, m, STORE_REFUSAL, "%p, Error writing scanfile %s: %m\n");
+  if (m->refusal == nullptr && !spool_finish(m->file.get())) refuse_store(conn, m);
   if (m->refusal == nullptr) {
     finish_data(conn);
     return;
@@ -222,8 +226,7 @@ int64_t take_bulk(int fd, Connection* conn, Message* m) {
     check_body(conn, m);
     // The lines go to the file from the stream's own buffer: no copy of a
     // large body passes through the file's buffer.
-    if (m->refusal == nullptr && !spool_write(m->file.get(), p, used))
-      refuse_rest(conn, m, STORE_REFUSAL, "%p, Error writing scanfile %s: %m\n");
+    if (m->refusal == nullptr && !spool_write(m->file.get(), p, used)) refuse_store(conn, m);
   }
   if (lstream_consume(stream, static_cast<int>(used)) != 0) {
     dlog(DLOG_SMTP, 1, "%p, Out of memory receiving client data. Closing connection\n",
